@@ -1,0 +1,22 @@
+#pragma once
+
+#include "app/RunSettings.h"
+#include "net/ServerThread.h"
+
+#include <memory>
+
+/// The consumers of one run.
+struct Consumers {
+    std::unique_ptr<ServerThread> server; ///< null when switched off
+    /// A consumer exists. The uplink and the serial consumer belong to the thread library once they are
+    /// started, so no pointer to them is kept.
+    bool any = false;
+};
+
+/// Makes the consumers that are switched on, in the order TCP server, uplink, serial line; their threads run
+/// from then on. Thread: main, after the daemon step.
+[[nodiscard]] Consumers startConsumers(const RunSettings &settings);
+
+/// Waits for the server's end and deletes it. The other consumers may be held by their peers and are not
+/// waited for; they end with the process.
+void endConsumers(Consumers &consumers);

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <termios.h>
+
+/// All settings of a run, as the command line gave them. Owned by main; every consumer copies what it needs.
+/// The serial fields hold termios constants (termios(3)), ready to be or-ed into `c_cflag`.
+struct RunSettings {
+    std::int16_t logLevel = 30; ///< threshold, 1 to 100 by the usage text, any number taken
+    bool logToStderr = false;
+    bool daemonize = false;
+
+    bool serverEnabled = false;
+    std::uint16_t serverPort = 5445;
+    std::string serverPassword; ///< empty: clients are not asked for one; wiped at shutdown
+
+    bool clientEnabled = false;
+    char clientProtocol = 't'; ///< 't' TCP, 'u' UDP
+    std::string clientRemoteHost;
+    std::uint16_t clientPort = 5445;
+    std::string clientPassword; ///< empty: no login; wiped at shutdown
+
+    std::string serialPort; ///< device path; empty: no serial consumer
+    std::uint16_t serialSpeed = B115200;
+    std::int16_t serialCharSize = CS8;
+    std::int16_t serialParity = 0;
+    std::int16_t serialStopBits = 0;
+    std::uint32_t serialHwFlow = 0;
+    bool serialRs485 = false;
+
+    std::string stationId;
+    std::string stationIdPrefix;
+    std::int32_t interval = 10; ///< seconds between two sentences of one type; 1: no limit
+    bool timestamp = false;     ///< gpspipe puts a time stamp in front of every line
+};

@@ -1,0 +1,185 @@
+#include "app/commandLine.h"
+
+#include "app/baudTable.h"
+#include "nmea/SentenceFilter.h"
+#include "support/Logger.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+[[noreturn]] void abortExecution(const char *complaint, const std::string &value)
+{
+    std::fprintf(stderr, "%s %s[ABORTING EXECUTION]\n", complaint, value.c_str());
+    std::exit(1);
+}
+
+/// Decimal, 0x hexadecimal or 0 octal; text behind the digits is ignored, no digits are 0; cut to 16 bits.
+std::int16_t numberOf(const char *value) { return static_cast<std::int16_t>(std::strtol(value, nullptr, 0)); }
+
+std::string takeSecret(char *value)
+{
+    std::string secret(value);
+    ::explicit_bzero(value, secret.size());
+    return secret;
+}
+
+void setLogLevel(RunSettings &settings, char *value)
+{
+    settings.logLevel = numberOf(value);
+    KAV::Logger::setPrintLevel(settings.logLevel, false);
+}
+
+void setBaud(RunSettings &settings, char *value)
+{
+    const auto row = baudTable.find(value);
+    if (row == baudTable.end())
+        abortExecution("Invalid baud value", value);
+    settings.serialSpeed = row->second;
+}
+
+void setStopBits(RunSettings &settings, char *value)
+{
+    const int count = numberOf(value);
+    if (count != 1 && count != 2)
+        abortExecution("Invalid stop value", value);
+    settings.serialStopBits = count == 2 ? CSTOPB : 0;
+}
+
+void setDataLength(RunSettings &settings, char *value)
+{
+    const int bits = numberOf(value);
+    if (bits != 7 && bits != 8)
+        abortExecution("Invalid datalength value", value);
+    settings.serialCharSize = bits == 7 ? CS7 : CS8;
+}
+
+void setParity(RunSettings &settings, char *value)
+{
+    const std::string_view word(value);
+    if (word == "odd")
+        settings.serialParity = PARENB | PARODD;
+    else
+        settings.serialParity = word == "even" ? PARENB : 0;
+}
+
+void setClientProtocol(RunSettings &settings, char *value)
+{
+    std::string word(value);
+    std::transform(word.begin(), word.end(), word.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::toupper(letter)); });
+    if (word != "TCP" && word != "UDP")
+        abortExecution("Unknown protocol", word);
+    settings.clientProtocol = word == "TCP" ? 't' : 'u';
+}
+
+void setInterval(RunSettings &settings, char *value)
+{
+    settings.interval = static_cast<std::int32_t>(std::strtoul(value, nullptr, 0));
+}
+
+template <bool RunSettings::*field, bool on>
+void setFlag(RunSettings &settings, char * /*value*/)
+{
+    settings.*field = on;
+}
+
+template <std::string RunSettings::*field>
+void setText(RunSettings &settings, char *value)
+{
+    settings.*field = value;
+}
+
+template <std::string RunSettings::*field>
+void setSecret(RunSettings &settings, char *value)
+{
+    settings.*field = takeSecret(value);
+}
+
+template <std::uint16_t RunSettings::*field>
+void setPort(RunSettings &settings, char *value)
+{
+    settings.*field = static_cast<std::uint16_t>(numberOf(value));
+}
+
+template <SentenceType type, bool on>
+void setSwitch(RunSettings & /*settings*/, char * /*value*/)
+{
+    filterOf(type).enabled = on;
+}
+
+struct Option {
+    std::string_view name;
+    bool takesValue; ///< the next argument, whatever it looks like; without one the option is not recognised
+    void (*apply)(RunSettings &settings, char *value);
+};
+
+using Settings = RunSettings;
+constexpr std::array options{
+    Option{"--loglevel", true, setLogLevel},
+    Option{"--server", false, setFlag<&Settings::serverEnabled, true>},
+    Option{"-e", false, setFlag<&Settings::logToStderr, true>},
+    Option{"--no-server", false, setFlag<&Settings::serverEnabled, false>},
+    Option{"--rs485", false, setFlag<&Settings::serialRs485, true>},
+    Option{"--serial", true, setText<&Settings::serialPort>},
+    Option{"--client", false, setFlag<&Settings::clientEnabled, true>},
+    Option{"--no-client", false, setFlag<&Settings::clientEnabled, false>},
+    Option{"--timestamp", false, setFlag<&Settings::timestamp, true>},
+    Option{"--no-timestamp", false, setFlag<&Settings::timestamp, false>},
+    Option{"--baud", true, setBaud},
+    Option{"--stopbits", true, setStopBits},
+    Option{"--hwflow", false, [](RunSettings &settings, char *) { settings.serialHwFlow = CRTSCTS; }},
+    Option{"--datalength", true, setDataLength},
+    Option{"--parity", true, setParity},
+    Option{"--server-port", true, setPort<&Settings::serverPort>},
+    Option{"--client-port", true, setPort<&Settings::clientPort>},
+    Option{"--server-passwd", true, setSecret<&Settings::serverPassword>},
+    Option{"--client-passwd", true, setSecret<&Settings::clientPassword>},
+    Option{"--client-protocol", true, setClientProtocol},
+    Option{"--client-remote-host", true, setText<&Settings::clientRemoteHost>},
+    Option{"--id-prefix", true, setText<&Settings::stationIdPrefix>},
+    Option{"--id", true, setText<&Settings::stationId>},
+    Option{"--interval", true, setInterval},
+    Option{"--gga", false, setSwitch<SentenceType::GGA, true>},
+    Option{"--no-gga", false, setSwitch<SentenceType::GGA, false>},
+    Option{"--rmc", false, setSwitch<SentenceType::RMC, true>},
+    Option{"--no-rmc", false, setSwitch<SentenceType::RMC, false>},
+    Option{"--gsa", false, setSwitch<SentenceType::GSA, true>},
+    Option{"--no-gsa", false, setSwitch<SentenceType::GSA, false>},
+    Option{"--zda", false, setSwitch<SentenceType::ZDA, true>},
+    Option{"--no-zda", false, setSwitch<SentenceType::ZDA, false>},
+    Option{"--gbs", false, setSwitch<SentenceType::GBS, true>},
+    Option{"--no-gbs", false, setSwitch<SentenceType::GBS, false>},
+    Option{"--gll", false, setSwitch<SentenceType::GLL, true>},
+    Option{"--no-gll", false, setSwitch<SentenceType::GLL, false>},
+    Option{"--gsv", false, setSwitch<SentenceType::GSV, true>},
+    Option{"--no-gsv", false, setSwitch<SentenceType::GSV, false>},
+    Option{"--vtg", false, setSwitch<SentenceType::VTG, true>},
+    Option{"--no-vtg", false, setSwitch<SentenceType::VTG, false>},
+    Option{"--daemonize", false, setFlag<&Settings::daemonize, true>},
+    Option{"--no-daemonize", false, setFlag<&Settings::daemonize, false>},
+};
+
+} // namespace
+
+RunSettings parseCommandLine(int argc, char *argv[])
+{
+    RunSettings settings;
+    for (int index = 1; index < argc; ++index) {
+        const std::string_view argument(argv[index]);
+        const auto *const option = std::find_if(
+            options.begin(), options.end(), [argument](const Option &row) { return row.name == argument; });
+        if (option == options.end() || (option->takesValue && index + 1 == argc))
+            continue;
+        if (option->takesValue)
+            ++index;
+        option->apply(settings, argv[index]);
+    }
+    return settings;
+}

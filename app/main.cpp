@@ -1,0 +1,33 @@
+#include "app/Consumers.h"
+#include "app/commandLine.h"
+#include "app/logging.h"
+#include "app/prepareProcess.h"
+#include "app/printUsage.h"
+#include "app/runReader.h"
+#include "app/signals.h"
+#include "support/Logger.h"
+#include "support/wipe_string.h"
+
+int main(int argc, char *argv[])
+{
+    if (wantsUsage(argc, argv))
+        printUsage();
+    installSignalHandlers();
+    KAV::Logger::setPrintLevel(KAV::Logger::PrintLevel::INFO_LEVEL, false);
+    RunSettings settings = parseCommandLine(argc, argv);
+    prepareProcess();
+    setUpLogger(settings);
+    if (settings.daemonize)
+        daemonizeOrExit(argv[0]);
+
+    KAV_LOG(INFO, "Starting executable: %s\n", argv[0]);
+    Consumers consumers = startConsumers(settings);
+    if (consumers.any)
+        runReaderUntilExit(settings);
+    endConsumers(consumers);
+
+    wipe_string(settings.serverPassword);
+    wipe_string(settings.clientPassword);
+    KAV_LOG(INFO, "execution complete\n");
+    return 0;
+}

@@ -1,0 +1,52 @@
+#include "app/prepareProcess.h"
+
+#include "support/Descriptor.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+/// Started with a standard stream closed, its number would go to a client's socket, and log lines into it.
+void openStandardStreams()
+{
+    KAV::Descriptor opened(::open("/dev/null", O_RDWR));
+    while (opened.isOpen() && opened.get() <= STDERR_FILENO) {
+        static_cast<void>(opened.release());
+        opened.reset(::open("/dev/null", O_RDWR));
+    }
+}
+
+/// The usual soft limit of 1,024 would be the end of "any number of clients".
+void raiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+} // namespace
+
+void prepareProcess()
+{
+    openStandardStreams();
+    raiseDescriptorLimit();
+    ::mallopt(M_ARENA_MAX,
+              1); // messages are small and brief: an arena a thread buys memory with nothing to show
+}
+
+void daemonizeOrExit(const char *program)
+{
+    if (::daemon(1, 0) == 0)
+        return;
+    std::fprintf(stderr, "%s failed to daemonize: errno = %d : %s\n", program, errno, std::strerror(errno));
+    std::exit(1);
+}

@@ -1,0 +1,64 @@
+#include "app/printUsage.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace {
+
+constexpr const char *usage = R"(
+usage: navtwine [OPTIONS]
+
+OPTIONS:
+ --[no-]daemonize
+ --[no-]timestamp
+
+ --[no-]server
+ --server-port PORT [default: 5445]
+ --server-passwd PASSWD
+ --[no-]client
+ --client-protocol tcp|udp [default: tcp]
+ --client-remote-host IPADDR/MASK
+ --client-port PORT [default: 5445]
+ --client-passwd PASSWD
+ --serial SERIAL_PORT
+ --baud [default: 115200]
+ --datalength [7|8 default: 8]
+ --parity [none|odd|even default: none]
+ --stopbits [1|2 default: 1]
+ --hwflow
+ [--rs485]
+
+ --id ID
+ --id-prefix PREFIX
+ --interval INTERVAL [default: 10]
+
+ --[no-]gga
+ --[no-]gsa
+ --[no-]gsv
+ --[no-]gll
+ --[no-]rmc
+ --[no-]vtg
+ --[no-]zda
+ --[no-]gbs
+
+ --loglevel [1-100 default 30] )"
+                              "\n"
+                              " -e  use stderr for log (default: disabled)\n";
+
+} // namespace
+
+bool wantsUsage(int argc, char *argv[])
+{
+    return argc <= 1 || std::any_of(argv + 1, argv + argc, [](std::string_view argument) {
+               return argument == "-h" || argument == "--help";
+           });
+}
+
+void printUsage()
+{
+    std::puts(usage);
+    std::fflush(stdout);
+    std::exit(0);
+}

@@ -1,0 +1,38 @@
+#pragma once
+
+#include "support/AutoPtr.h"
+#include "support/Lock.h"
+#include "support/Thread.h"
+
+#include <deque>
+#include <string>
+
+/// The base of every consumer: a thread with a bounded mailbox.
+///
+/// A concrete observer installs `queueLock` in its constructor, attaches itself to the subject when it is
+/// ready to send, takes its mailbox with `getData`, and detaches itself in its destructor. Deleted by: the
+/// library, on the observer's own thread, once `execute` has returned (KAV::Thread, flag false).
+class Observer : public KAV::Thread {
+public:
+    /// `threadName` as for KAV::Thread.
+    explicit Observer(const std::string &threadName);
+    /// Messages that still wait are dropped.
+    ~Observer() override = 0;
+
+    /// Appends a copy of `message`; a mailbox that holds more than 10 loses its oldest one first, silently.
+    ///
+    /// Thread: the main thread, from the subject's `notify`, with the subject's lock held; must not call the
+    /// subject. Locks: `queueLock`. Never waits for output.
+    void update(const std::string &message);
+
+    /// Takes every waiting message, in order and joined without anything between; empty when there is none.
+    ///
+    /// Thread: the observer's own. Locks: `queueLock`, once, so that a message is wholly in or wholly out.
+    [[nodiscard]] std::string getData();
+
+    void execute() override = 0;
+
+protected:
+    std::deque<std::string> queue KAV_GUARDED_BY(*queueLock);
+    KAV::AutoPtr<KAV::Lock> queueLock; ///< set once, before the thread starts
+};

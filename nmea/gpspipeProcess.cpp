@@ -1,0 +1,51 @@
+#include "nmea/gpspipeProcess.h"
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <dirent.h>
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+/// Inode of the pipe, 0 before the first gpspipe. Kept after the stream is closed: pclose may still be
+/// waiting.
+constinit std::atomic<std::uint32_t> pipeInode{0};
+
+struct CloseFolder {
+    void operator()(DIR *folder) const { ::closedir(folder); }
+};
+
+bool writesTo(const std::string &pipe, pid_t process)
+{
+    const std::string link = "/proc/" + std::to_string(process) + "/fd/" + std::to_string(STDOUT_FILENO);
+    std::array<char, 64> target{};
+    return ::readlink(link.c_str(), target.data(), target.size() - 1) > 0 && pipe == target.data();
+}
+
+} // namespace
+
+void setGpspipeStream(std::FILE *stream)
+{
+    struct stat status {};
+    if (::fstat(::fileno(stream), &status) == 0)
+        pipeInode.store(static_cast<std::uint32_t>(status.st_ino)); // pipefs counts its inodes in 32 bits
+}
+
+void signalGpspipe(int signal)
+{
+    const std::unique_ptr<DIR, CloseFolder> processes(::opendir("/proc"));
+    if (!processes)
+        return;
+    const std::string pipe = "pipe:[" + std::to_string(pipeInode.load()) + "]";
+    while (const dirent *const entry = ::readdir(processes.get())) {
+        const pid_t process = std::atoi(entry->d_name); // 0 for what is not a process
+        if (process > 0 && process != ::getpid() && writesTo(pipe, process))
+            ::kill(process, signal);
+    }
+}

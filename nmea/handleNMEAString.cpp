@@ -1,0 +1,39 @@
+#include "nmea/handleNMEAString.h"
+
+#include "nmea/nmeaDataSubject.h"
+#include "nmea/sentenceType.h"
+
+#include <ctime>
+#include <string_view>
+
+namespace {
+
+std::string decorated(const std::string &decoration, std::string_view line)
+{
+    std::string message;
+    message.reserve(decoration.size() + line.size());
+    return message.append(decoration).append(line);
+}
+
+} // namespace
+
+int handleNMEAString(const char *line, int interval, const std::string *decoration)
+{
+    const std::time_t now = std::time(nullptr);
+    const std::string_view text(line);
+    const std::optional<SentenceType> type = findSentenceType(text);
+    if (!type)
+        return 0;
+
+    nmeaDataSubject *const subject = nmeaDataSubject::getInstance();
+    if (*type == SentenceType::GSV) {
+        // Gathered even while GSV is switched off or not due, so that a group never begins in its middle.
+        std::string group;
+        const bool complete = subject->collectGSV(decorated(*decoration, text), group);
+        if (complete && isSentenceDue(filterOf(*type), now, interval))
+            subject->notify(group);
+    } else if (isSentenceDue(filterOf(*type), now, interval)) {
+        subject->notify(decorated(*decoration, text));
+    }
+    return 0;
+}

@@ -1,0 +1,10 @@
+#pragma once
+
+#include <string>
+
+/// Takes one line of gpspipe: finds its sentence type, asks the type's gate, puts the decoration in front,
+/// gathers GSV groups, and hands what is due to the subject. Lines of other types are dropped.
+///
+/// `line` ends in NUL and is the caller's; `interval` in seconds (isSentenceDue); `decoration` is not null.
+/// Returns 0, always. Thread: main.
+int handleNMEAString(const char *line, int interval, const std::string *decoration);

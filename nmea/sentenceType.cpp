@@ -1,0 +1,41 @@
+#include "nmea/sentenceType.h"
+
+#include <algorithm>
+#include <array>
+
+namespace {
+
+using namespace std::string_view_literals;
+
+constexpr std::array<std::string_view, sentenceTypeCount> typeNames{
+    "GGA"sv, "RMC"sv, "GSA"sv, "ZDA"sv, "GBS"sv, "GLL"sv, "GSV"sv, "VTG"sv,
+};
+constexpr std::size_t keyLength = 5;
+
+/// The row of the key that `text` begins with; `typeNames.size()` when it begins with none.
+std::size_t rowOfKeyAt(std::string_view text)
+{
+    if (text[1] != 'P' && text[1] != 'N')
+        return typeNames.size();
+    const std::string_view name = text.substr(2, 3);
+    std::size_t row = 0;
+    while (row < typeNames.size() && typeNames[row] != name)
+        ++row;
+    return row;
+}
+
+} // namespace
+
+std::optional<SentenceType> findSentenceType(std::string_view line)
+{
+    // One pass over the line instead of sixteen: every key begins with G, and the lowest row wins.
+    std::size_t lowest = typeNames.size();
+    std::size_t at = line.find('G');
+    while (lowest > 0 && at != std::string_view::npos && line.size() - at >= keyLength) {
+        lowest = std::min(lowest, rowOfKeyAt(line.substr(at)));
+        at = line.find('G', at + 1);
+    }
+    if (lowest == typeNames.size())
+        return std::nullopt;
+    return static_cast<SentenceType>(lowest);
+}

@@ -1,0 +1,131 @@
+#include "support/Logger.h"
+
+#include "support/CancelShield.h"
+#include "support/Descriptor.h"
+#include "support/ErrnoKeeper.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <paths.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace KAV {
+
+namespace {
+
+/// Trivially destructible on purpose: threads log until the last instant of the process.
+struct State {
+    int threshold = Logger::PrintLevel::INFO_LEVEL;
+    Logger::PrintMode mode = Logger::PRINT_STDERR;
+    char identity[64] = {}; ///< openlog(3) keeps a pointer to it
+};
+constinit State state;
+
+bool somebodyListensOn(const char *path, int socketType)
+{
+    const Descriptor probe(::socket(AF_UNIX, socketType | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
+    return probe.isOpen() &&
+           ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+}
+
+std::string format(const char *format, va_list values)
+{
+    va_list again;
+    va_copy(again, values);
+    const int length = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, values);
+    return text;
+}
+
+bool isHarmless(char byte)
+{
+    const auto code = static_cast<unsigned char>(byte);
+    return (code >= 0x20 && code != 0x7f) || byte == '\r' || byte == '\n' || byte == '\t';
+}
+
+/// What a peer sent may stand in a message and must not drive the terminal that shows it.
+void appendPrintable(std::string &line, const std::string &text)
+{
+    for (const char byte : text) {
+        if (isHarmless(byte)) {
+            line += byte;
+            continue;
+        }
+        char code[sizeof "\\xNN"];
+        std::snprintf(code, sizeof code, "\\x%02X",
+                      static_cast<unsigned int>(static_cast<unsigned char>(byte)));
+        line += code;
+    }
+}
+
+int priorityOf(int level)
+{
+    if (level <= Logger::PrintLevel::ERROR_LEVEL)
+        return LOG_ERR;
+    return level <= Logger::PrintLevel::INFO_LEVEL ? LOG_INFO : LOG_DEBUG;
+}
+
+void emit(int level, const char *label, std::string text)
+{
+    text.erase(text.find_last_not_of("\r\n") + 1);
+    std::string line = std::string(label) + ": ";
+    appendPrintable(line, text);
+
+    const CancelShield shield;
+    if (state.mode == Logger::PRINT_SYSLOG) {
+        ::syslog(priorityOf(level), "%s", line.c_str());
+        return;
+    }
+    line += '\n';
+    // One call, so that lines of different threads never mix. A line that nobody takes is lost.
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+}
+
+} // namespace
+
+void Logger::setup(const PrintMode &mode) { state.mode = mode; }
+
+bool Logger::setup(const PrintMode &mode, const std::string &identity, const int &option, const int &facility)
+{
+    const ErrnoKeeper keeper;
+    if (mode == PRINT_SYSLOG) {
+        if (!somebodyListensOn(_PATH_LOG, SOCK_DGRAM) && !somebodyListensOn(_PATH_LOG, SOCK_STREAM))
+            return false;
+        std::snprintf(state.identity, sizeof state.identity, "%s", identity.c_str());
+        ::openlog(state.identity, option, facility);
+    }
+    state.mode = mode;
+    return true;
+}
+
+void Logger::setPrintLevel(int level, bool /*reserved*/) { state.threshold = level; }
+
+bool Logger::isPrintable(int level) { return level <= state.threshold; }
+
+void Logger::printfGeneric(int level, const char *label, const char *format, ...)
+{
+    const ErrnoKeeper keeper;
+    va_list values;
+    va_start(values, format);
+    emit(level, label, KAV::format(format, values));
+    va_end(values);
+}
+
+void Logger::printfError(const char *format, ...)
+{
+    const ErrnoKeeper keeper;
+    va_list values;
+    va_start(values, format);
+    emit(PrintLevel::ERROR_LEVEL, PrintLevel::ERROR_LABEL, KAV::format(format, values));
+    va_end(values);
+}
+
+} // namespace KAV

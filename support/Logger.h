@@ -1,0 +1,68 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace KAV {
+
+/// The process-wide log; static operations only.
+///
+/// Thread: `setup` and `setPrintLevel` belong to the main thread before any other thread starts; the rest may
+/// be called from any thread at any time, also while the process exits. Errors: a message that cannot be
+/// delivered is lost. Every operation leaves `errno` as it was.
+class Logger {
+public:
+    Logger() = delete;
+
+    /// Where messages go.
+    enum PrintMode {
+        PRINT_CONSOLE = 1, ///< standard error, for when there is no system log
+        PRINT_SYSLOG = 3,  ///< the system log (syslog(3))
+        PRINT_STDERR = 6,  ///< standard error, as the user asked
+    };
+
+    /// Levels on the scale of the threshold (1 to 100; a level passes when it is not above the threshold),
+    /// and the labels that belong to them.
+    struct PrintLevel {
+        static constexpr std::int32_t ERROR_LEVEL = 10;
+        static constexpr std::int32_t INFO_LEVEL = 30;
+        static constexpr std::int32_t DEBUG_LEVEL = 50;
+        static constexpr const char *ERROR_LABEL = "ERROR";
+        static constexpr const char *INFO_LABEL = "INFO";
+        static constexpr const char *DEBUG_LABEL = "DEBUG";
+    };
+
+    /// Selects a destination that needs no set-up.
+    static void setup(const PrintMode &mode);
+
+    /// Selects `mode`; for the system log with the three arguments of openlog(3), `identity` being copied.
+    /// False, with nothing changed, when nobody listens on the system log's socket.
+    static bool setup(const PrintMode &mode, const std::string &identity, const int &option,
+                      const int &facility);
+
+    /// Sets the threshold. The flag is reserved and has no effect.
+    static void setPrintLevel(int level, bool reserved);
+
+    /// True when a message of this level passes the threshold.
+    [[nodiscard]] static bool isPrintable(int level);
+
+    /// Emits one message, whole, at this level's severity. Line ends at the end of the text are replaced by
+    /// exactly one; control bytes other than CR, LF and TAB appear as \xNN. The caller has asked
+    /// `isPrintable`.
+    [[gnu::format(printf, 3, 4)]] static void printfGeneric(int level, const char *label, const char *format,
+                                                            ...);
+
+    /// Emits one message as an error, whatever the threshold.
+    [[gnu::format(printf, 1, 2)]] static void printfError(const char *format, ...);
+};
+
+} // namespace KAV
+
+/// Logs at ERROR, INFO or DEBUG: KAV_LOG(ERROR, "format", values...). The values, `errno` included, are
+/// computed only when the level passes, and after the test for it.
+#define KAV_LOG(LEVEL, ...)                                                                                  \
+    do {                                                                                                     \
+        if (KAV::Logger::isPrintable(KAV::Logger::PrintLevel::LEVEL##_LEVEL))                                \
+            KAV::Logger::printfGeneric(KAV::Logger::PrintLevel::LEVEL##_LEVEL,                               \
+                                       KAV::Logger::PrintLevel::LEVEL##_LABEL, __VA_ARGS__);                 \
+    } while (false)

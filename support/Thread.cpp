@@ -1,0 +1,157 @@
+#include "support/Thread.h"
+
+#include "support/Logger.h"
+
+#include <array>
+#include <cassert>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <exception>
+#include <string_view>
+#include <system_error>
+
+namespace KAV {
+
+namespace {
+
+/// Small: with the default of 8 MiB a 32-bit process runs out of addresses at a few hundred threads.
+constexpr std::size_t stackBytes = std::size_t{KAV_THREAD_STACK_KIB} * 1024;
+
+constexpr std::array mainThreadSignals{SIGINT, SIGHUP, SIGPIPE, SIGALRM};
+
+/// Blocks the main thread's signals for the length of a scope; a thread created in it inherits the mask.
+class SignalsBlocked {
+public:
+    SignalsBlocked()
+    {
+        sigset_t blocked;
+        sigemptyset(&blocked);
+        for (const int signal : mainThreadSignals)
+            sigaddset(&blocked, signal);
+        pthread_sigmask(SIG_BLOCK, &blocked, &before);
+    }
+    SignalsBlocked(const SignalsBlocked &) = delete;
+    SignalsBlocked &operator=(const SignalsBlocked &) = delete;
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+
+private:
+    sigset_t before{};
+};
+
+} // namespace
+
+/// Marks the end of the body, on return and on cancellation alike, and tells whose turn it is to delete.
+class Thread::BodyScope {
+public:
+    BodyScope(Thread &_thread, bool &_libraryDeletes) : thread(_thread), libraryDeletes(_libraryDeletes) {}
+    BodyScope(const BodyScope &) = delete;
+    BodyScope &operator=(const BodyScope &) = delete;
+    ~BodyScope()
+    {
+        const std::lock_guard hold(thread.state);
+        libraryDeletes = !thread.ownerDeletes && !thread.stopping;
+        thread.running = false;
+        thread.ended.notify_all();
+    }
+
+private:
+    Thread &thread;
+    bool &libraryDeletes;
+};
+
+Thread::Thread(const std::string &_name, bool _ownerDeletes) : name(_name), ownerDeletes(_ownerDeletes) {}
+
+Thread::~Thread()
+{
+    assert(!isAlive());
+    if (joinable)
+        pthread_join(handle, nullptr);
+}
+
+void Thread::start()
+{
+    // The new thread waits for this lock before it runs the body: the object may be gone right after that.
+    const std::lock_guard hold(state);
+    const int error = create();
+    if (error != 0) {
+        KAV_LOG(ERROR, "pthread_create() failed for thread '%s' with error code: %d : %s\n", name.c_str(),
+                error, std::strerror(error));
+        throw std::system_error(error, std::generic_category(), "pthread_create");
+    }
+    running = true;
+    joinable = ownerDeletes;
+}
+
+int Thread::create()
+{
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, stackBytes);
+    pthread_attr_setdetachstate(&attributes,
+                                ownerDeletes ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
+    const SignalsBlocked blocked;
+    const int error = pthread_create(&handle, &attributes, &Thread::enter, this);
+    pthread_attr_destroy(&attributes);
+    return error;
+}
+
+void *Thread::enter(void *object)
+{
+    auto *const self = static_cast<Thread *>(object);
+    self->takeSystemName();
+    bool libraryDeletes = false;
+    {
+        const BodyScope scope(*self, libraryDeletes);
+        try {
+            self->execute();
+        } catch (const std::exception &error) {
+            KAV_LOG(ERROR, "thread '%s' ended early: %s\n", self->name.c_str(), error.what());
+        }
+    }
+    if (libraryDeletes)
+        delete self;
+    return nullptr;
+}
+
+void Thread::takeSystemName() const
+{
+    constexpr std::string_view program = "navtwine ";
+    constexpr std::size_t longest = 15; // pthread_setname_np(3)
+    const std::lock_guard started(state);
+    const std::size_t skipped = name.compare(0, program.size(), program) == 0 ? program.size() : 0;
+    pthread_setname_np(pthread_self(), name.substr(skipped, longest).c_str());
+}
+
+void Thread::stop()
+{
+    std::unique_lock hold(state);
+    if (!running)
+        return;
+    stopping = true;
+    pthread_cancel(handle);
+    ended.wait(hold, [this] { return !running; });
+}
+
+void Thread::wait()
+{
+    std::unique_lock hold(state);
+    ended.wait(hold, [this] { return !running; });
+}
+
+bool Thread::isAlive() const
+{
+    const std::lock_guard hold(state);
+    return running;
+}
+
+void Thread::sleep(unsigned int milliseconds)
+{
+    timespec left{static_cast<time_t>(milliseconds / 1000),
+                  static_cast<long>(milliseconds % 1000) * 1'000'000L};
+    while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
+    }
+}
+
+} // namespace KAV

@@ -1,0 +1,3 @@
+#include "support/exitRequested.h"
+
+constinit std::atomic<int> exitRequested{0};
