@@ -1,6 +1,8 @@
 #include "app/Consumers.h"
 
 #include "app/startWorker.h"
+#include "net/ClientThread.h"
+#include "serial/SerialThread.h"
 
 namespace {
 
@@ -16,8 +18,17 @@ Consumers startConsumers(const RunSettings &settings)
             startWorker<ServerThread>(settings.serverPort, settings.serverPassword, loginAttempts));
         consumers.any = consumers.server != nullptr;
     }
-    // The places of the uplink (settings.clientEnabled) and of the serial line (settings.serialPort), in this
-    // order.
+    if (settings.clientEnabled) {
+        consumers.any |=
+            startWorker<ClientThread>(settings.clientRemoteHost, settings.clientPort, settings.clientProtocol,
+                                      settings.clientPassword) != nullptr;
+    }
+    if (!settings.serialPort.empty()) {
+        consumers.any |=
+            startWorker<SerialThread>(settings.serialPort, settings.serialSpeed, settings.serialCharSize,
+                                      settings.serialParity, settings.serialStopBits, settings.serialHwFlow,
+                                      settings.serialRs485) != nullptr;
+    }
     return consumers;
 }
 

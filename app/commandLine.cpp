@@ -23,13 +23,6 @@ namespace {
 /// Decimal, 0x hexadecimal or 0 octal; text behind the digits is ignored, no digits are 0; cut to 16 bits.
 std::int16_t numberOf(const char *value) { return static_cast<std::int16_t>(std::strtol(value, nullptr, 0)); }
 
-std::string takeSecret(char *value)
-{
-    std::string secret(value);
-    ::explicit_bzero(value, secret.size());
-    return secret;
-}
-
 void setLogLevel(RunSettings &settings, char *value)
 {
     settings.logLevel = numberOf(value);
@@ -99,7 +92,8 @@ void setText(RunSettings &settings, char *value)
 template <std::string RunSettings::*field>
 void setSecret(RunSettings &settings, char *value)
 {
-    settings.*field = takeSecret(value);
+    settings.*field = value;
+    ::explicit_bzero(value, std::strlen(value));
 }
 
 template <std::uint16_t RunSettings::*field>

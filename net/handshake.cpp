@@ -31,4 +31,14 @@ bool sendLine(int socketDescriptor, const std::string &line)
     return ::send(socketDescriptor, line.data(), line.size(), 0) >= 0;
 }
 
+bool sendSecret(int socketDescriptor, const std::string &password)
+{
+    std::string line;
+    line.reserve(password.size() + 2); // growing would leave a copy behind in freed memory
+    line.append(password).append("\r\n");
+    const bool sent = sendLine(socketDescriptor, line);
+    wipe_string(line);
+    return sent;
+}
+
 } // namespace handshake

@@ -34,7 +34,7 @@ bool somebodyListensOn(const char *path, int socketType)
            ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 
-std::string format(const char *format, va_list values)
+[[gnu::format(printf, 1, 0)]] std::string format(const char *format, va_list values)
 {
     va_list again;
     va_copy(again, values);

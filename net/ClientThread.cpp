@@ -1,0 +1,195 @@
+#include "net/ClientThread.h"
+
+#include "net/handshake.h"
+#include "net/limitSendBuffer.h"
+#include "nmea/nmeaDataSubject.h"
+#include "support/Descriptor.h"
+#include "support/Logger.h"
+#include "support/exitRequested.h"
+#include "support/wipe_string.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <netdb.h>
+#include <sys/socket.h>
+
+using KAV::Descriptor;
+
+namespace {
+
+constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
+constexpr char udp = 'u';
+
+/// The first IPv4 address of `host`. False when there is none, with a line in the log.
+bool resolve(const std::string &host, in_addr &address)
+{
+    hostent entry{};
+    hostent *found = nullptr;
+    std::array<char, 1024> work;
+    int error = 0;
+    static_cast<void>(
+        ::gethostbyname2_r(host.c_str(), AF_INET, &entry, work.data(), work.size(), &found, &error));
+    if (found == nullptr) {
+        KAV_LOG(ERROR, "connect_to_host() : gethostbyname2_r() failed with error code: %d : %s\n", error,
+                ::hstrerror(error));
+        return false;
+    }
+    std::memcpy(&address, found->h_addr_list[0], sizeof address);
+    return true;
+}
+
+void logAddress(const in_addr &address)
+{
+    std::array<char, INET_ADDRSTRLEN> text{};
+    ::inet_ntop(AF_INET, &address, text.data(), text.size());
+    KAV_LOG(INFO, "connect_to_host() : remote server ip addr: %s", text.data());
+}
+
+} // namespace
+
+ClientThread::ClientThread(const std::string &_remoteHost, std::uint16_t _port, char _protocol,
+                           const std::string &_password)
+    : Observer("navtwine main client-thread"),
+      retryDelay(30000),
+      subject(nmeaDataSubject::getInstance()),
+      socketDescriptor(-1),
+      protocol(_protocol),
+      remoteHost(_remoteHost),
+      password(_password),
+      port(_port)
+{
+    queueLock = new KAV::Lock;
+    KAV::Thread::start();
+}
+
+ClientThread::~ClientThread()
+{
+    KAV_LOG(INFO, "The client is disconnected from remote server\n");
+    subject->detach(this);
+    if (isAlive())
+        KAV::Thread::stop();
+    wipe_string(password);
+}
+
+void ClientThread::execute()
+{
+    while (exitRequested == 0) {
+        runSession();
+        KAV::Thread::sleep(retryDelay);
+    }
+}
+
+void ClientThread::runSession()
+{
+    const Descriptor connection(connect_to_host());
+    if (!connection.isOpen()) {
+        KAV_LOG(
+            ERROR,
+            "connect_to_host() failed. (see error message above for reason) : retrying login in %u ms...\n",
+            retryDelay);
+        return;
+    }
+    socketDescriptor = connection.get();
+    if (protocol != udp && !password.empty() && !authentificate()) {
+        KAV_LOG(ERROR,
+                "ClientThread::login to server failed. (see error message above for reason) : "
+                "retrying login in %u ms...\n",
+                retryDelay);
+        return;
+    }
+    KAV_LOG(INFO, "ClientThread::This client has successful logged into remote server.\n");
+    registerOnce();
+    stream();
+}
+
+void ClientThread::registerOnce()
+{
+    if (!registered)
+        subject->attach(this);
+    registered = true;
+}
+
+void ClientThread::stream()
+{
+    while (exitRequested == 0) {
+        const std::string data = getData();
+        if (data.empty())
+            KAV::Thread::sleep(idlePause);
+        else if (!sendToCollector(data))
+            return;
+    }
+}
+
+bool ClientThread::sendToCollector(const std::string &data) const
+{
+    KAV_LOG(DEBUG, "ClientThread::nmeaSend:%s", data.c_str());
+    if (::send(socketDescriptor, data.data(), data.size(), 0) >= 0)
+        return true;
+    KAV_LOG(ERROR, "send() of [NMEA STRING DATA] failed : error code = %d : %s\n", errno,
+            std::strerror(errno));
+    return false;
+}
+
+int ClientThread::connect_to_host() const
+{
+    sockaddr_in peer{};
+    peer.sin_family = AF_INET;
+    peer.sin_port = htons(port);
+    if (!resolve(remoteHost, peer.sin_addr))
+        return -1;
+    const int type = protocol == udp ? SOCK_DGRAM : SOCK_STREAM;
+    Descriptor connection(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
+    if (!connection.isOpen()) {
+        KAV_LOG(ERROR, "connect_to_host() : socket() failed with error code: %d : %s\n", errno,
+                std::strerror(errno));
+        return connection.get();
+    }
+    if (type == SOCK_STREAM)
+        limitSendBuffer(connection.get());
+    logAddress(peer.sin_addr);
+    if (::connect(connection.get(), reinterpret_cast<const sockaddr *>(&peer), sizeof peer) != 0) {
+        KAV_LOG(ERROR, "connect_to_host() : connect() failed with error code: %d : %s\n", errno,
+                std::strerror(errno));
+        return -1;
+    }
+    KAV_LOG(INFO, "connect_to_host() : connect() succeeded with valid socket: %d\n", connection.get());
+    return connection.release();
+}
+
+bool ClientThread::authentificate() const
+{
+    handshake::Line line;
+    if (!line.receive(socketDescriptor)) {
+        KAV_LOG(ERROR,
+                "client authentificate:read_line_from_socket() failed or timed out while listening for a "
+                "[PASSWORD PROMPT] message\n");
+        return false;
+    }
+    if (!line.is("PASSWORD")) {
+        KAV_LOG(
+            ERROR,
+            "client authentificate:did not receive [PASSWORD PROMPT] from the server. Received data = %s\n",
+            line.raw());
+        return false;
+    }
+    if (!handshake::sendSecret(socketDescriptor, password)) {
+        KAV_LOG(ERROR, "client authentificate:send() of [PASSWORD SECRET] failed : error code = %d : %s\n",
+                errno, std::strerror(errno));
+        return false;
+    }
+    if (!line.receive(socketDescriptor)) {
+        KAV_LOG(ERROR,
+                "client authentificate:read_line_from_socket() failed or timed out while listening for a "
+                "[PASSWORD OK] message\n");
+        return false;
+    }
+    if (!line.is("OK")) {
+        KAV_LOG(ERROR,
+                "client authentificate:did not receive [PASSWORD OK] from the server. Received data = %s\n",
+                line.raw());
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "nmea/Observer.h"
+
+#include <cstdint>
+#include <string>
+
+class nmeaDataSubject;
+
+/// The uplink: connects to one remote collector over TCP or UDP, logs in where a password asks for it, and
+/// sends every accepted message; after any failure it closes, waits 30 s and starts again, for ever. Once
+/// started it deletes itself when its body has ended (Observer).
+class ClientThread : public Observer {
+public:
+    /// Starts the thread. `_remoteHost` is a name or an IPv4 address, `_port` in host byte order, `_protocol`
+    /// 't' for TCP or 'u' for UDP; an empty `_password`, and UDP, mean no login. Errors: as
+    /// KAV::Thread::start.
+    ClientThread(const std::string &_remoteHost, std::uint16_t _port, char _protocol,
+                 const std::string &_password);
+    ~ClientThread() override;
+
+    void execute() override;
+
+private:
+    void runSession();
+    void registerOnce();
+    void stream();
+    [[nodiscard]] bool sendToCollector(const std::string &data) const;
+
+    /// A connected socket, which the caller closes, or a negative value; says why in the log.
+    [[nodiscard]] int connect_to_host() const;
+
+    /// The connecting side of the handshake, one attempt: true when the collector took the password. Takes at
+    /// most a little over 30 s for each of its two lines.
+    [[nodiscard]] bool authentificate() const;
+
+    const std::uint32_t retryDelay; ///< milliseconds from the end of one session to the next attempt
+    nmeaDataSubject *subject;       ///< not owned
+    int socketDescriptor;           ///< the session's connection, closed at its end; -1 before the first
+    char protocol;
+    std::string remoteHost;
+    std::string password;
+    std::uint16_t port;
+    bool registered = false; ///< once for all sessions, so that messages collect while there is none
+};

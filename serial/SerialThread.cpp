@@ -1,0 +1,105 @@
+#include "serial/SerialThread.h"
+
+#include "nmea/gpspipeProcess.h"
+#include "nmea/nmeaDataSubject.h"
+#include "serial/lineSettings.h"
+#include "serial/write_all.h"
+#include "support/Descriptor.h"
+#include "support/Logger.h"
+#include "support/exitRequested.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/serial.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
+
+} // namespace
+
+SerialThread::SerialThread(const std::string &_devicePath, speed_t _speed, std::int16_t _charSize,
+                           std::int16_t _parity, std::int16_t _stopBits, tcflag_t _hwFlow, bool _rs485)
+    : Observer("navtwine main serial-thread"),
+      subject(nmeaDataSubject::getInstance()),
+      devicePath(_devicePath),
+      speed(_speed),
+      parity(_parity),
+      stopBits(_stopBits),
+      charSize(_charSize),
+      hwFlow(_hwFlow),
+      rs485(_rs485)
+{
+    queueLock = new KAV::Lock;
+    KAV::Thread::start();
+}
+
+SerialThread::~SerialThread()
+{
+    KAV_LOG(INFO, "Serial stop");
+    subject->detach(this);
+    if (isAlive())
+        KAV::Thread::stop();
+}
+
+void SerialThread::execute()
+{
+    const KAV::Descriptor port(openOrEndProcess());
+    KAV_LOG(INFO, "serial port opened");
+    subject->attach(this);
+    configureLine(port.get());
+    chooseStandard(port.get());
+    while (exitRequested == 0)
+        writeWaiting(port.get());
+}
+
+int SerialThread::openOrEndProcess() const
+{
+    const int port = ::open(devicePath.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (port >= 0)
+        return port;
+    KAV_LOG(ERROR, "failed to open %s: errno: %d", devicePath.c_str(), errno);
+    signalGpspipe(SIGTERM);
+    ::_exit(1);
+}
+
+void SerialThread::configureLine(int port) const
+{
+    // Best effort throughout: an old driver may refuse some of it, and the port still works.
+    termios line{};
+    static_cast<void>(::tcgetattr(port, &line));
+    applyLineSettings(line, {speed, charSize, parity, stopBits, hwFlow});
+    static_cast<void>(::tcsetattr(port, TCSANOW, &line));
+    static_cast<void>(::tcflush(port, TCIOFLUSH));
+}
+
+void SerialThread::chooseStandard(int port) const
+{
+    serial_rs485 settings{};
+    settings.flags = SER_RS485_RTS_ON_SEND;
+    if (rs485) {
+        KAV_LOG(INFO, "RS485 mode");
+        settings.flags |= SER_RS485_ENABLED;
+    } else {
+        KAV_LOG(INFO, "RS232 mode");
+    }
+    if (::ioctl(port, TIOCSRS485, &settings) < 0)
+        KAV_LOG(ERROR, "RS485 configurating error. errno:%i - %s", errno, std::strerror(errno));
+}
+
+void SerialThread::writeWaiting(int port)
+{
+    const std::string data = getData();
+    if (data.empty()) {
+        KAV::Thread::sleep(idlePause);
+        return;
+    }
+    KAV_LOG(DEBUG, "serial:%s", data.c_str());
+    if (write_all(port, data.data(), data.size()) < 0)
+        KAV_LOG(ERROR, "serial write() of [NMEA STRING DATA] failed : error code = %d : %s\n", errno,
+                std::strerror(errno));
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include "nmea/Observer.h"
+
+#include <cstdint>
+#include <string>
+#include <termios.h>
+
+class nmeaDataSubject;
+
+/// The serial consumer: opens one port, makes it a raw line, RS-485 or RS-232, and writes every accepted
+/// message to it. Once started it deletes itself when its body has ended (Observer).
+class SerialThread : public Observer {
+public:
+    /// Starts the thread. The settings are bits of termios(3), as in RunSettings.
+    /// Errors: as KAV::Thread::start. A device that cannot be opened is an ERROR line and ends the whole
+    /// process with status 1, at once and without clean-up, since other threads still use what clean-up would
+    /// destroy.
+    SerialThread(const std::string &_devicePath, speed_t _speed, std::int16_t _charSize, std::int16_t _parity,
+                 std::int16_t _stopBits, tcflag_t _hwFlow, bool _rs485);
+    ~SerialThread() override;
+
+    void execute() override;
+
+private:
+    [[nodiscard]] int openOrEndProcess() const;
+    void configureLine(int port) const;
+    void chooseStandard(int port) const;
+    void writeWaiting(int port);
+
+    nmeaDataSubject *subject; ///< not owned
+    std::string devicePath;
+    speed_t speed;
+    std::int16_t parity;
+    std::int16_t stopBits;
+    std::int16_t charSize;
+    tcflag_t hwFlow;
+    bool rs485;
+};
