@@ -2,6 +2,7 @@
 
 _navtwine()
 {
+    # shellcheck disable=SC2034 # _init_completion fills all four
     local cur prev words cword
     _init_completion || return
 
