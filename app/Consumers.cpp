@@ -14,20 +14,17 @@ Consumers startConsumers(const RunSettings &settings)
 {
     Consumers consumers;
     if (settings.serverEnabled) {
-        consumers.server.reset(
-            startWorker<ServerThread>(settings.serverPort, settings.serverPassword, loginAttempts));
+        consumers.server.reset(startWorker<ServerThread>(settings.serverPort, settings.serverPassword, loginAttempts));
         consumers.any = consumers.server != nullptr;
     }
     if (settings.clientEnabled) {
-        consumers.any |=
-            startWorker<ClientThread>(settings.clientRemoteHost, settings.clientPort, settings.clientProtocol,
-                                      settings.clientPassword) != nullptr;
+        consumers.any |= startWorker<ClientThread>(settings.clientRemoteHost, settings.clientPort,
+                                                   settings.clientProtocol, settings.clientPassword) != nullptr;
     }
     if (!settings.serialPort.empty()) {
-        consumers.any |=
-            startWorker<SerialThread>(settings.serialPort, settings.serialSpeed, settings.serialCharSize,
-                                      settings.serialParity, settings.serialStopBits, settings.serialHwFlow,
-                                      settings.serialRs485) != nullptr;
+        consumers.any |= startWorker<SerialThread>(settings.serialPort, settings.serialSpeed, settings.serialCharSize,
+                                                   settings.serialParity, settings.serialStopBits,
+                                                   settings.serialHwFlow, settings.serialRs485) != nullptr;
     }
     return consumers;
 }

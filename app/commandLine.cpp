@@ -167,8 +167,8 @@ RunSettings parseCommandLine(int argc, char *argv[])
     RunSettings settings;
     for (int index = 1; index < argc; ++index) {
         const std::string_view argument(argv[index]);
-        const auto *const option = std::find_if(
-            options.begin(), options.end(), [argument](const Option &row) { return row.name == argument; });
+        const auto *const option = std::find_if(options.begin(), options.end(),
+                                                [argument](const Option &row) { return row.name == argument; });
         if (option == options.end() || (option->takesValue && index + 1 == argc))
             continue;
         if (option->takesValue)

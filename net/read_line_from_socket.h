@@ -9,5 +9,4 @@
 /// `timeoutSeconds` have passed (also for a peer that closed meanwhile), and when poll or recv failed.
 /// `bufferSize` in bytes, at least 1. Blocks for at most a little over `timeoutSeconds` (whole seconds of
 /// time()); sleeps whenever there is nothing to take. Thread: the socket's own.
-int read_line_from_socket(int socketDescriptor, char *buffer, unsigned int bufferSize,
-                          unsigned int timeoutSeconds);
+int read_line_from_socket(int socketDescriptor, char *buffer, unsigned int bufferSize, unsigned int timeoutSeconds);

@@ -1,5 +1,7 @@
 #include "nmea/gpspipeProcess.h"
 
+#include "support/Thread.h"
+
 #include <array>
 #include <atomic>
 #include <csignal>
@@ -13,8 +15,7 @@
 
 namespace {
 
-/// Inode of the pipe, 0 before the first gpspipe. Kept after the stream is closed: pclose may still be
-/// waiting.
+/// Inode of the pipe, 0 before the first one. Outlives the stream: pclose may still be waiting.
 constinit std::atomic<std::uint32_t> pipeInode{0};
 
 struct CloseFolder {
@@ -28,6 +29,20 @@ bool writesTo(const std::string &pipe, pid_t process)
     return ::readlink(link.c_str(), target.data(), target.size() - 1) > 0 && pipe == target.data();
 }
 
+/// Returns how many processes were sent `signal`.
+int signalWriters(int signal)
+{
+    const std::unique_ptr<DIR, CloseFolder> processes(::opendir("/proc"));
+    const std::string pipe = "pipe:[" + std::to_string(pipeInode.load()) + "]";
+    int found = 0;
+    while (const dirent *const entry = processes ? ::readdir(processes.get()) : nullptr) {
+        const pid_t process = std::atoi(entry->d_name); // 0 for what is not a process
+        if (process > 0 && process != ::getpid() && writesTo(pipe, process) && ::kill(process, signal) == 0)
+            ++found;
+    }
+    return found;
+}
+
 } // namespace
 
 void setGpspipeStream(std::FILE *stream)
@@ -37,15 +52,13 @@ void setGpspipeStream(std::FILE *stream)
         pipeInode.store(static_cast<std::uint32_t>(status.st_ino)); // pipefs counts its inodes in 32 bits
 }
 
-void signalGpspipe(int signal)
+void endGpspipe()
 {
-    const std::unique_ptr<DIR, CloseFolder> processes(::opendir("/proc"));
-    if (!processes)
-        return;
-    const std::string pipe = "pipe:[" + std::to_string(pipeInode.load()) + "]";
-    while (const dirent *const entry = ::readdir(processes.get())) {
-        const pid_t process = std::atoi(entry->d_name); // 0 for what is not a process
-        if (process > 0 && process != ::getpid() && writesTo(pipe, process))
-            ::kill(process, signal);
+    constexpr int politeRounds = 10;
+    constexpr int rounds = 2 * politeRounds; // bounded: in the kernel's hands a process outlives even SIGKILL
+    for (int round = 0; round < rounds; ++round) {
+        if (signalWriters(round < politeRounds ? SIGTERM : SIGKILL) == 0)
+            return;
+        KAV::Thread::sleep(20);
     }
 }

@@ -4,7 +4,6 @@
 #include "support/Logger.h"
 
 #include <array>
-#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -29,9 +28,9 @@ int kavGPSGetNMEAStrings(int timestamp, LineCallback callback, int interval, con
     std::array<char, 512> line;
     while (std::feof(stream) == 0) {
         if (std::fgets(line.data(), static_cast<int>(line.size()), stream) == nullptr) {
+            // Interrupted: pclose would wait for a gpspipe that may never write again.
             if (std::feof(stream) == 0)
-                signalGpspipe(
-                    SIGTERM); // interrupted: pclose would wait for a gpspipe that may never write again
+                endGpspipe();
             ::pclose(stream);
             return noLine;
         }

@@ -50,8 +50,7 @@ void nmeaDataSubject::notify(const std::string &message)
 bool nmeaDataSubject::collectGSV(const std::string &sentence, std::string &group)
 {
     if (gsvBuffer.size() + sentence.size() > longestGroup) {
-        KAV_LOG(ERROR,
-                "nmeaDataSubject::collectGSV() : no GSV group was completed within %u bytes: dropped\n",
+        KAV_LOG(ERROR, "nmeaDataSubject::collectGSV() : no GSV group was completed within %u bytes: dropped\n",
                 static_cast<unsigned int>(longestGroup));
         gsvBuffer.clear();
     }

@@ -30,8 +30,7 @@ bool somebodyListensOn(const char *path, int socketType)
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
-    return probe.isOpen() &&
-           ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    return probe.isOpen() && ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
 }
 
 [[gnu::format(printf, 1, 0)]] std::string format(const char *format, va_list values)
@@ -60,8 +59,7 @@ void appendPrintable(std::string &line, const std::string &text)
             continue;
         }
         char code[sizeof "\\xNN"];
-        std::snprintf(code, sizeof code, "\\x%02X",
-                      static_cast<unsigned int>(static_cast<unsigned char>(byte)));
+        std::snprintf(code, sizeof code, "\\x%02X", static_cast<unsigned int>(static_cast<unsigned char>(byte)));
         line += code;
     }
 }

@@ -76,8 +76,8 @@ void Thread::start()
     const std::lock_guard hold(state);
     const int error = create();
     if (error != 0) {
-        KAV_LOG(ERROR, "pthread_create() failed for thread '%s' with error code: %d : %s\n", name.c_str(),
-                error, std::strerror(error));
+        KAV_LOG(ERROR, "pthread_create() failed for thread '%s' with error code: %d : %s\n", name.c_str(), error,
+                std::strerror(error));
         throw std::system_error(error, std::generic_category(), "pthread_create");
     }
     running = true;
@@ -89,8 +89,7 @@ int Thread::create()
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, stackBytes);
-    pthread_attr_setdetachstate(&attributes,
-                                ownerDeletes ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
+    pthread_attr_setdetachstate(&attributes, ownerDeletes ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
     const SignalsBlocked blocked;
     const int error = pthread_create(&handle, &attributes, &Thread::enter, this);
     pthread_attr_destroy(&attributes);
@@ -148,8 +147,7 @@ bool Thread::isAlive() const
 
 void Thread::sleep(unsigned int milliseconds)
 {
-    timespec left{static_cast<time_t>(milliseconds / 1000),
-                  static_cast<long>(milliseconds % 1000) * 1'000'000L};
+    timespec left{static_cast<time_t>(milliseconds / 1000), static_cast<long>(milliseconds % 1000) * 1'000'000L};
     while (::clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
     }
 }
