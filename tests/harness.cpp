@@ -7,7 +7,6 @@
 #include <poll.h>
 #include <pty.h>
 #include <set>
-#include <sstream>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,11 +63,12 @@ std::uint16_t listeningPort(pid_t pid)
         sockets.insert(fs::read_symlink(entry.path(), ignored).string());
     std::ifstream table(processFolder(pid) / "net/tcp");
     for (std::string row; std::getline(table, row);) {
-        // Column 1 holds the local address and port, 3 the state (0A: listening), 9 the inode.
-        std::istringstream columns(row);
-        const std::vector<std::string> column(std::istream_iterator<std::string>(columns), {});
-        if (column.at(3) == "0A" && sockets.count("socket:[" + column.at(9) + "]") > 0)
-            return static_cast<std::uint16_t>(std::stoul(column[1].substr(column[1].find(':') + 1), nullptr, 16));
+        unsigned int port = 0;
+        unsigned int state = 0;
+        unsigned int inode = 0;
+        const int found = std::sscanf(row.c_str(), "%*u: %*x:%x %*s %x %*s %*s %*s %*s %*s %u", &port, &state, &inode);
+        if (found == 3 && state == 0x0A && sockets.count("socket:[" + std::to_string(inode) + "]") > 0)
+            return static_cast<std::uint16_t>(port);
     }
     return 0;
 }
@@ -81,10 +81,10 @@ Program::Program(const std::vector<std::string> &arguments, const std::string &g
     for (const std::string &argument : arguments)
         command += " '" + argument + "'";
     pid = ::fork();
-    for (int inherited = 3; pid == 0 && inherited < 64; ++inherited)
-        ::close(inherited); // the test runner's own would count against `openFiles`
-    if (pid == 0)
-        ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    if (pid != 0)
+        return;
+    ::closefrom(3); // the test runner's own would count against `openFiles`
+    ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
 }
 
 Program::~Program()
