@@ -39,7 +39,9 @@ installsWithoutServingAnybody()
 {
     dpkg -i "$package" || fail "the package does not install"
     [ "$(stat -c '%a %U' $options)" = "600 root" ] || fail "$options: $(stat -c '%a %U' $options)"
-    [ -z "$(systemd-analyze verify --man=no navtwine.service 2>&1 | tee /dev/stderr)" ] || fail "the unit has faults"
+    local words
+    words=$(systemd-analyze verify --man=no navtwine.service 2>&1)
+    [ -z "$words" ] || fail "the unit has faults: $words"
     systemctl is-enabled navtwine || fail "the service is not enabled"
     within 10 logged "usage: navtwine" || fail "without options there is no usage text in the log"
     is Result success || fail "without options: $(property Result)"
@@ -82,6 +84,10 @@ runsInTheSandbox()
     grep -qE '^Max open files\s+4096\s+4096' /proc/"$pid"/limits || fail "did not raise its soft limit of files"
     grep -qaF 'two' /proc/"$pid"/cmdline && fail "the password stands on the command line"
     grep -qE "^Groups:.*\b$(getent group dialout | cut -d: -f3)\b" /proc/"$pid"/status || fail "not in dialout"
+    local resident
+    resident=$(awk '/^VmRSS/ { print $2 }' /proc/"$pid"/status)
+    echo "resident: $resident KiB of 4096 allowed"
+    [ "$resident" -le 4096 ] || fail "takes too much memory"
     # Through /dev/log, so with a priority of its own.
     exec 4<>/dev/tcp/127.0.0.1/5445
     printf 'a\nb\nc\n' >&4
