@@ -199,8 +199,7 @@ TEST(Consumers, allReceiveTheSameMessages)
     collector.send("PASSWORD\r\n");
     EXPECT_EQ(collector.readUntil("\n"), "secret\r\n");
     collector.send("OK\r\n");
-    EXPECT_TRUE(
-        eventually([&] { return program.says("INFO: RS485 mode\nERROR: RS485 configurating error. errno:"); }));
+    EXPECT_TRUE(eventually([&] { return program.says("INFO: RS485 mode\nERROR: RS485 configurating error. errno:"); }));
     Peer client(program.port());
     EXPECT_TRUE(eventually([&] { return program.says("trying to connect") && program.says("has successful logged"); }));
     std::ofstream(program.gpspipe.folder / "go");
