@@ -133,7 +133,9 @@ mayOpenASerialPort()
 {
     setOptions "-e --serial /try/ttyS3 --gga"
     within 10 logged "failed to open /try/ttyS3: errno: " || fail "no word of the serial port"
-    if logged "ttyS3: errno: 1"; then fail "may not open a serial port"; fi
+    if journalctl --no-pager -o cat -u navtwine | grep -E 'ttyS3: errno: (1|13)$'; then
+        fail "may not open a serial port"
+    fi
 }
 
 keepsTheOptionsWhenUpgraded()
