@@ -11,12 +11,6 @@
 #include <cstring>
 #include <sys/socket.h>
 
-namespace {
-
-constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
-
-} // namespace
-
 ClientHandlerThread::ClientHandlerThread(int _socketDescriptor, const std::string &_password,
                                          std::uint16_t _maxLoginAttempts)
     : Observer("navtwine client-handler-thread for socket descriptor: " + std::to_string(_socketDescriptor)),
@@ -36,7 +30,6 @@ ClientHandlerThread::~ClientHandlerThread()
     subject->detach(this);
     if (isAlive())
         KAV::Thread::stop();
-    wipe_string(password);
 }
 
 void ClientHandlerThread::execute()

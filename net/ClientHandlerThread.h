@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nmea/Observer.h"
+#include "support/wipe_string.h"
 
 #include <cstdint>
 #include <string>
@@ -31,5 +32,5 @@ private:
     nmeaDataSubject *subject; ///< not owned
     int socketDescriptor;     ///< closed by the body
     std::uint16_t maxLoginAttempts;
-    std::string password;
+    WipedString password;
 };

@@ -6,7 +6,6 @@
 #include "support/Descriptor.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
-#include "support/wipe_string.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -19,7 +18,6 @@ using KAV::Descriptor;
 
 namespace {
 
-constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
 constexpr char udp = 'u';
 
 /// The first IPv4 address of `host`. False when there is none, with a line in the log.
@@ -69,7 +67,6 @@ ClientThread::~ClientThread()
     subject->detach(this);
     if (isAlive())
         KAV::Thread::stop();
-    wipe_string(password);
 }
 
 void ClientThread::execute()

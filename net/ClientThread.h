@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nmea/Observer.h"
+#include "support/wipe_string.h"
 
 #include <cstdint>
 #include <string>
@@ -38,7 +39,7 @@ private:
     int socketDescriptor;           ///< the session's connection, closed at its end; -1 before the first
     char protocol;
     std::string remoteHost;
-    std::string password;
+    WipedString password;
     std::uint16_t port;
     bool registered = false; ///< once for all sessions, so that messages collect while there is none
 };

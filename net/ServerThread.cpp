@@ -5,9 +5,8 @@
 #include "net/limitSendBuffer.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
-#include "support/wipe_string.h"
+#include "support/startWorker.h"
 
-#include <exception>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -47,7 +46,6 @@ ServerThread::~ServerThread()
 {
     if (isAlive())
         KAV::Thread::stop();
-    wipe_string(password);
 }
 
 void ServerThread::execute()
@@ -90,10 +88,6 @@ void ServerThread::serve(int listener) const
 
 void ServerThread::handOver(Descriptor connection) const
 {
-    try {
-        new ClientHandlerThread(connection.get(), password, maxLoginAttempts);
-        static_cast<void>(connection.release());
-    } catch (const std::exception &) {
-        // The thread library has logged why; the connection closes here and the server goes on.
-    }
+    if (KAV::startWorker<ClientHandlerThread>(connection.get(), password, maxLoginAttempts) != nullptr)
+        static_cast<void>(connection.release()); // the handler's now; it may have closed it already
 }

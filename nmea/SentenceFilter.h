@@ -16,6 +16,8 @@ struct SentenceFilter {
     std::time_t lastSent; ///< seconds of time(); when the type last passed its gate, 0 at start
 };
 
+static_assert(sizeof(std::time_t) == 8, "seconds must not run out in 2038, on 32-bit machines either");
+
 /// One record a type, all off at start. Thread: main only.
 extern std::array<SentenceFilter, sentenceTypeCount> sentenceFilters;
 

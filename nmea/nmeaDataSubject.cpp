@@ -8,8 +8,8 @@
 
 namespace {
 
-/// Some 900 sentences; the longest regular group has nine.
-constexpr std::size_t longestGroup = 64UL * 1024;
+/// Some 200 sentences; the longest regular group has nine.
+constexpr std::size_t longestGroup = 16UL * 1024;
 
 } // namespace
 

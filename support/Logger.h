@@ -46,7 +46,8 @@ public:
     [[nodiscard]] static bool isPrintable(int level);
 
     /// Emits one message, whole, at this level's severity. Line ends at the end of the text are replaced by
-    /// exactly one; control bytes other than CR, LF and TAB appear as \xNN. The caller has asked
+    /// exactly one; control bytes other than CR, LF and TAB, the
+    /// eight-bit ones included, appear as \xNN. The caller has asked
     /// `isPrintable`.
     [[gnu::format(printf, 3, 4)]] static void printfGeneric(int level, const char *label, const char *format, ...);
 
