@@ -37,7 +37,7 @@ files() { find / -xdev \( -path /proc -o -path /sys -o -path /dev -o -path /run 
 
 installsWithoutServingAnybody()
 {
-    dpkg -i "$package" || fail "the package does not install"
+    apt-get -qq install -y "$package" >/dev/null || fail "the package does not install"
     [ "$(stat -c '%a %U' $options)" = "600 root" ] || fail "$options: $(stat -c '%a %U' $options)"
     local words
     words=$(systemd-analyze verify --man=no navtwine.service 2>&1)
@@ -141,7 +141,7 @@ mayOpenASerialPort()
 keepsTheOptionsWhenUpgraded()
 {
     setOptions "--server --gga"
-    dpkg -i "$package" || fail "the package does not install over itself"
+    apt-get -qq install -y --reinstall "$package" >/dev/null || fail "the package does not install over itself"
     grep -q '"--server --gga"' $options || fail "the upgrade lost the options"
     [ "$(stat -c %a $options)" = 600 ] || fail "the upgrade changed the mode of the options"
     within 10 is SubState running || fail "does not run after the upgrade"
@@ -149,13 +149,13 @@ keepsTheOptionsWhenUpgraded()
 
 leavesNothing()
 {
-    dpkg -r navtwine || fail "the package cannot be removed"
+    apt-get -qq remove -y navtwine >/dev/null || fail "the package cannot be removed"
     pgrep -U "$user" && fail "runs on after its removal"
     comm -13 /try/before <(files) >/try/left
     # Debian keeps what the user wrote, and whether the service was enabled, until the package is purged.
     diff /try/left - <<<"$options
 /etc/systemd/system/multi-user.target.wants/navtwine.service" || fail "removed, it leaves the above"
-    dpkg -P navtwine || fail "the package cannot be purged"
+    apt-get -qq purge -y navtwine >/dev/null || fail "the package cannot be purged"
     files | diff /try/before - || fail "purged, it leaves the above"
     systemctl cat navtwine && fail "systemd still knows the unit"
     return 0
