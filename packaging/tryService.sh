@@ -81,7 +81,7 @@ runsInTheSandbox()
     # The range of users that systemd makes up.
     { [ "$user" -ge 61184 ] && [ "$user" -le 65519 ]; } || fail "runs as user $user"
     grep -qE '^CapBnd:\s0+$' /proc/"$pid"/status || fail "has privileges"
-    grep -qE '^Max open files\s+4096\s+4096' /proc/"$pid"/limits || fail "did not raise its soft limit of files"
+    grep -qE '^Max open files\s+4096\s+4096' /proc/"$pid"/limits || fail "the limit of files is not the unit's"
     grep -qaF 'two' /proc/"$pid"/cmdline && fail "the password stands on the command line"
     grep -qE "^Groups:.*\b$(getent group dialout | cut -d: -f3)\b" /proc/"$pid"/status || fail "not in dialout"
     local resident
