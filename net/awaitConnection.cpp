@@ -16,7 +16,8 @@ namespace {
 
 constexpr int waitStep = 1000; ///< milliseconds between two looks at `exitRequested`
 
-/// Clients that have left leave holes in the heap, 3 KiB each: after so many quiet steps the system gets them back.
+/// Clients that have left leave holes in the heap, 3 KiB each: after so many quiet steps the system gets them
+/// back.
 constexpr unsigned int trimSteps = 30;
 
 /// Two for the pipe of the next gpspipe, two for the uplink's socket and its resolver.
@@ -31,8 +32,7 @@ bool isConnectionWaiting(int listener)
     return ready > 0 && (waiting.revents & POLLIN) != 0;
 }
 
-/// Takes what `accept` would take, a socket and the lowest free number, and gives it back. 0, or an error
-/// code.
+/// Takes what `accept` would take, a socket and the lowest free number, and gives it back. 0, or an error code.
 int probeForDescriptor()
 {
     const KAV::Descriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
