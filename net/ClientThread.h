@@ -14,8 +14,7 @@ class nmeaDataSubject;
 class ClientThread : public Observer {
 public:
     /// Starts the thread. `_remoteHost` is a name or an IPv4 address, `_port` in host byte order, `_protocol`
-    /// 't' for TCP or 'u' for UDP; an empty `_password`, and UDP, mean no login. Errors: as
-    /// KAV::Thread::start.
+    /// 't' for TCP or 'u' for UDP; an empty `_password`, and UDP, mean no login. Errors: as KAV::Thread::start.
     ClientThread(const std::string &_remoteHost, std::uint16_t _port, char _protocol, const std::string &_password);
     ~ClientThread() override;
 

@@ -51,8 +51,10 @@ ServerThread::~ServerThread()
 void ServerThread::execute()
 {
     const Descriptor listener = listenOnPort();
-    if (listener.isOpen() && exitRequested == 0)
-        serve(listener.get());
+    if (!listener.isOpen() || exitRequested != 0)
+        return;
+    limitSendBuffer(listener.get());
+    serve(listener.get());
 }
 
 Descriptor ServerThread::listenOnPort() const
@@ -67,7 +69,7 @@ Descriptor ServerThread::listenOnPort() const
     } else if (!bindToPort(listener.get(), port)) {
         KAV_LOG(ERROR, "bind() failed for socket descriptor: %d\n", listener.get());
         listener.reset();
-    } else if (limitSendBuffer(listener.get()); ::listen(listener.get(), backlog) != 0) {
+    } else if (::listen(listener.get(), backlog) != 0) {
         KAV_LOG(ERROR, "listen() failed for socket descriptor: %d\n", listener.get());
         listener.reset();
     }

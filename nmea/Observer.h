@@ -9,9 +9,9 @@
 
 /// The base of every consumer: a thread with a bounded mailbox.
 ///
-/// A concrete observer installs `queueLock` in its constructor, attaches itself to the subject when it is
-/// ready to send, takes its mailbox with `getData`, and detaches itself in its destructor. Deleted by: the
-/// library, on the observer's own thread, once `execute` has returned (KAV::Thread, flag false).
+/// A concrete observer installs `queueLock` in its constructor, attaches itself to the subject when it is ready
+/// to send, takes its mailbox with `getData`, and detaches itself in its destructor. Deleted by: the library,
+/// on the observer's own thread, once `execute` has returned (KAV::Thread, flag false).
 class Observer : public KAV::Thread {
 public:
     /// `threadName` as for KAV::Thread.

@@ -27,7 +27,7 @@ extern std::array<SentenceFilter, sentenceTypeCount> sentenceFilters;
     return sentenceFilters[static_cast<std::size_t>(type)];
 }
 
-/// The gate of one sentence type: true, with `lastSent` set to `now`, when the type is switched on and at
-/// least `interval` seconds have passed since it was last true. An interval of 1 switches the rate limit off.
-/// `now` in seconds of time().
+/// The gate of one sentence type: true, with `lastSent` set to `now`, when the type is switched on and at least
+/// `interval` seconds have passed since it was last true. An interval of 1 switches the rate limit off. `now`
+/// in seconds of time().
 [[nodiscard]] bool isSentenceDue(SentenceFilter &filter, std::time_t now, int interval);

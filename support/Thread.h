@@ -9,12 +9,11 @@ namespace KAV {
 
 /// The base of every worker: one operating-system thread per object, which runs the virtual body `execute`.
 ///
-/// A worker's constructor calls `start` as its last step, so that the body never sees a half-built object;
-/// its destructor calls `stop` when `isAlive`, before anything that the body uses goes away.
+/// A worker's constructor calls `start` as its last step, so that the body never sees a half-built object; its
+/// destructor calls `stop` when `isAlive`, before anything that the body uses goes away.
 ///
 /// SIGINT, SIGHUP, SIGPIPE and SIGALRM are blocked on the new thread: they belong to the main thread.
-/// Cancellation (`stop`) takes effect at the cancellation points of pthreads(7); bodies block in nothing
-/// else.
+/// Cancellation (`stop`) takes effect at the cancellation points of pthreads(7); bodies block in nothing else.
 class Thread {
 public:
     Thread(const Thread &) = delete;
@@ -30,8 +29,8 @@ public:
     /// KAV::startWorker turns that into an ERROR line.
     virtual void start();
 
-    /// Ends the thread, whatever its body is blocked in, and returns once the body no longer runs. At once
-    /// when it does not. Called from the destructors of derived classes: from here on the caller destroys the
+    /// Ends the thread, whatever its body is blocked in, and returns once the body no longer runs. At once when
+    /// it does not. Called from the destructors of derived classes: from here on the caller destroys the
     /// object.
     virtual void stop();
 
