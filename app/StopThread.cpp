@@ -5,8 +5,8 @@
 
 namespace {
 
-constexpr unsigned int step = 500; ///< milliseconds
-constexpr int patience = 10;       ///< steps until the process is ended the hard way
+constexpr unsigned int step = 1000; ///< milliseconds; every wake-up costs, all the years long
+constexpr int patience = 5;         ///< steps until the process is ended the hard way
 
 } // namespace
 
