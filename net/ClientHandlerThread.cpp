@@ -11,12 +11,6 @@
 #include <cstring>
 #include <sys/socket.h>
 
-namespace {
-
-constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
-
-} // namespace
-
 ClientHandlerThread::ClientHandlerThread(int _socketDescriptor, const std::string &_password,
                                          std::uint16_t _maxLoginAttempts)
     : Observer("navtwine client-handler-thread for socket descriptor: " + std::to_string(_socketDescriptor)),
@@ -36,7 +30,6 @@ ClientHandlerThread::~ClientHandlerThread()
     subject->detach(this);
     if (isAlive())
         KAV::Thread::stop();
-    wipe_string(password);
 }
 
 void ClientHandlerThread::execute()
@@ -51,8 +44,7 @@ void ClientHandlerThread::execute()
         }
     }
     subject->attach(this);
-    if (exitRequested == 0)
-        stream();
+    stream();
 }
 
 bool ClientHandlerThread::login()
@@ -83,13 +75,13 @@ bool ClientHandlerThread::login()
 
 void ClientHandlerThread::stream()
 {
-    do {
+    while (exitRequested == 0) {
         const std::string data = getData();
         if (data.empty())
             KAV::Thread::sleep(idlePause);
         else if (!sendToClient(data))
             return;
-    } while (exitRequested == 0);
+    }
 }
 
 /// False when the client cannot be reached any more; what could not be sent is dropped either way.

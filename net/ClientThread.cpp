@@ -6,7 +6,6 @@
 #include "support/Descriptor.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
-#include "support/wipe_string.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -19,7 +18,7 @@ using KAV::Descriptor;
 
 namespace {
 
-constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
+constexpr char tcp = 't';
 constexpr char udp = 'u';
 
 /// The first IPv4 address of `host`. False when there is none, with a line in the log.
@@ -69,7 +68,6 @@ ClientThread::~ClientThread()
     subject->detach(this);
     if (isAlive())
         KAV::Thread::stop();
-    wipe_string(password);
 }
 
 void ClientThread::execute()
@@ -83,13 +81,13 @@ void ClientThread::execute()
 void ClientThread::runSession()
 {
     const Descriptor connection(connect_to_host());
+    socketDescriptor = connection.get();
     if (!connection.isOpen()) {
         KAV_LOG(ERROR, "connect_to_host() failed. (see error message above for reason) : retrying login in %u ms...\n",
                 retryDelay);
         return;
     }
-    socketDescriptor = connection.get();
-    if (protocol != udp && !password.empty() && !authentificate()) {
+    if (protocol == tcp && !password.empty() && !authentificate()) {
         KAV_LOG(ERROR,
                 "ClientThread::login to server failed. (see error message above for reason) : "
                 "retrying login in %u ms...\n",

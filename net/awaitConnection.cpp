@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -15,6 +16,10 @@ namespace {
 
 constexpr int waitStep = 1000; ///< milliseconds between two looks at `exitRequested`
 
+/// Clients that have left leave holes in the heap, 3 KiB each: after so many quiet steps the system gets them
+/// back.
+constexpr unsigned int trimSteps = 30;
+
 /// Two for the pipe of the next gpspipe, two for the uplink's socket and its resolver.
 constexpr rlim_t reservedDescriptors = 4;
 
@@ -22,13 +27,14 @@ bool isConnectionWaiting(int listener)
 {
     pollfd waiting{listener, POLLIN, 0};
     const int ready = ::poll(&waiting, 1, waitStep);
-    if (ready > 0 && (waiting.revents & POLLIN) == 0)
+    if (ready > 0 && (waiting.revents & POLLIN) != 0)
+        return true;
+    if (ready != 0)
         KAV::Thread::sleep(waitStep); // an error on the listener is reported at once, again and again
-    return ready > 0 && (waiting.revents & POLLIN) != 0;
+    return false;
 }
 
-/// Takes what `accept` would take, a socket and the lowest free number, and gives it back. 0, or an error
-/// code.
+/// Takes what `accept` would take, a socket and the lowest free number, and gives it back. 0, or an error code.
 int probeForDescriptor()
 {
     const KAV::Descriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -59,9 +65,11 @@ bool awaitDescriptor()
 
 bool awaitConnection(int listener)
 {
-    while (exitRequested == 0) {
+    for (unsigned int quiet = 1; exitRequested == 0; ++quiet) {
         if (isConnectionWaiting(listener))
             return awaitDescriptor();
+        if (quiet % trimSteps == 0)
+            ::malloc_trim(0);
     }
     return false;
 }

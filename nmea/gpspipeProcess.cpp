@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +18,9 @@ namespace {
 
 /// Inode of the pipe, 0 before the first one. Outlives the stream: pclose may still be waiting.
 constinit std::atomic<std::uint32_t> pipeInode{0};
+
+/// Held while gpspipe is started, so that nobody looks for it in between.
+constinit std::mutex startLock;
 
 struct CloseFolder {
     void operator()(DIR *folder) const { ::closedir(folder); }
@@ -45,11 +49,14 @@ int signalWriters(int signal)
 
 } // namespace
 
-void setGpspipeStream(std::FILE *stream)
+std::FILE *startGpspipe(const char *command)
 {
+    const std::lock_guard starting(startLock);
+    std::FILE *const stream = ::popen(command, "r");
     struct stat status {};
-    if (::fstat(::fileno(stream), &status) == 0)
+    if (stream != nullptr && ::fstat(::fileno(stream), &status) == 0)
         pipeInode.store(static_cast<std::uint32_t>(status.st_ino)); // pipefs counts its inodes in 32 bits
+    return stream;
 }
 
 void endGpspipe()
@@ -61,4 +68,11 @@ void endGpspipe()
             return;
         KAV::Thread::sleep(20);
     }
+}
+
+void exitWithoutGpspipe(int status)
+{
+    startLock.lock(); // for good: the main thread may be about to start another
+    endGpspipe();
+    ::_exit(status);
 }

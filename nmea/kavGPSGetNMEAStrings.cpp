@@ -17,13 +17,12 @@ int kavGPSGetNMEAStrings(int timestamp, LineCallback callback, int interval, con
 {
     std::array<char, 128> command{};
     std::snprintf(command.data(), command.size(), "gpspipe %s-r", timestamp != 0 ? "-t " : "");
-    std::FILE *const stream = ::popen(command.data(), "r");
+    std::FILE *const stream = startGpspipe(command.data());
     if (stream == nullptr) {
         KAV_LOG(ERROR, "kavGPSGetNMEAStrings(): failed to popen stream for reading output of command '%s'\n",
                 command.data());
         return noLine;
     }
-    setGpspipeStream(stream);
 
     std::array<char, 512> line;
     while (std::feof(stream) == 0) {

@@ -4,12 +4,19 @@
 #include "support/Descriptor.h"
 #include "support/ErrnoKeeper.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
 #include <paths.h>
+#include <poll.h>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
+#include <type_traits>
 #include <unistd.h>
 
 namespace KAV {
@@ -23,14 +30,19 @@ struct State {
     char identity[64] = {}; ///< openlog(3) keeps a pointer to it
 };
 constinit State state;
+constinit std::mutex stderrLock;
+static_assert(std::is_trivially_destructible_v<State> && std::is_trivially_destructible_v<std::mutex>);
 
 bool somebodyListensOn(const char *path, int socketType)
 {
-    const Descriptor probe(::socket(AF_UNIX, socketType | SOCK_CLOEXEC, 0));
+    const Descriptor probe(::socket(AF_UNIX, socketType | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
-    return probe.isOpen() && ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    if (!probe.isOpen())
+        return false;
+    // EAGAIN: somebody listens and is busy.
+    return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN;
 }
 
 [[gnu::format(printf, 1, 0)]] std::string format(const char *format, va_list values)
@@ -47,7 +59,7 @@ bool somebodyListensOn(const char *path, int socketType)
 bool isHarmless(char byte)
 {
     const auto code = static_cast<unsigned char>(byte);
-    return (code >= 0x20 && code != 0x7f) || byte == '\r' || byte == '\n' || byte == '\t';
+    return (code >= 0x20 && code < 0x7f) || code >= 0xa0 || byte == '\r' || byte == '\n' || byte == '\t';
 }
 
 /// What a peer sent may stand in a message and must not drive the terminal that shows it.
@@ -71,6 +83,24 @@ int priorityOf(int level)
     return level <= Logger::PrintLevel::INFO_LEVEL ? LOG_INFO : LOG_DEBUG;
 }
 
+/// Whole lines, whatever the other threads write: a pipe keeps only short ones apart by itself (pipe(7)). A reader
+/// that takes nothing must hold nobody up: the line is lost then, and the next ones are not waited for.
+void writeToStderr(std::string_view line)
+{
+    constexpr int patience = 100; // milliseconds
+    static constinit bool stalled = false;
+    const std::lock_guard alone(stderrLock);
+    while (!line.empty()) {
+        pollfd reader{STDERR_FILENO, POLLOUT, 0};
+        stalled = ::poll(&reader, 1, stalled ? 0 : patience) <= 0;
+        const ssize_t written =
+            stalled ? -1 : ::write(STDERR_FILENO, line.data(), std::min<std::size_t>(line.size(), PIPE_BUF));
+        if (written <= 0)
+            return;
+        line.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
 void emit(int level, const char *label, std::string text)
 {
     text.erase(text.find_last_not_of("\r\n") + 1);
@@ -83,8 +113,7 @@ void emit(int level, const char *label, std::string text)
         return;
     }
     line += '\n';
-    // One call, so that lines of different threads never mix. A line that nobody takes is lost.
-    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+    writeToStderr(line);
 }
 
 } // namespace

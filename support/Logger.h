@@ -21,8 +21,8 @@ public:
         PRINT_STDERR = 6,  ///< standard error, as the user asked
     };
 
-    /// Levels on the scale of the threshold (1 to 100; a level passes when it is not above the threshold),
-    /// and the labels that belong to them.
+    /// Levels on the scale of the threshold (1 to 100; a level passes when it is not above the threshold), and
+    /// the labels that belong to them.
     struct PrintLevel {
         static constexpr std::int32_t ERROR_LEVEL = 10;
         static constexpr std::int32_t INFO_LEVEL = 30;
@@ -46,8 +46,8 @@ public:
     [[nodiscard]] static bool isPrintable(int level);
 
     /// Emits one message, whole, at this level's severity. Line ends at the end of the text are replaced by
-    /// exactly one; control bytes other than CR, LF and TAB appear as \xNN. The caller has asked
-    /// `isPrintable`.
+    /// exactly one; control bytes other than CR, LF and TAB, the eight-bit ones included, appear as \xNN. The
+    /// caller has asked `isPrintable`.
     [[gnu::format(printf, 3, 4)]] static void printfGeneric(int level, const char *label, const char *format, ...);
 
     /// Emits one message as an error, whatever the threshold.

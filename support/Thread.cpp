@@ -6,7 +6,6 @@
 #include <cassert>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <ctime>
 #include <exception>
 #include <string_view>
@@ -72,16 +71,16 @@ Thread::~Thread()
 
 void Thread::start()
 {
-    // The new thread waits for this lock before it runs the body: the object may be gone right after that.
-    const std::lock_guard hold(state);
-    const int error = create();
-    if (error != 0) {
-        KAV_LOG(ERROR, "pthread_create() failed for thread '%s' with error code: %d : %s\n", name.c_str(), error,
-                std::strerror(error));
-        throw std::system_error(error, std::generic_category(), "pthread_create");
+    int error = 0;
+    {
+        // The new thread waits for this lock before it runs the body: the object may be gone right after that.
+        const std::lock_guard hold(state);
+        error = create();
+        running = error == 0;
+        joinable = running && ownerDeletes;
     }
-    running = true;
-    joinable = ownerDeletes;
+    if (error != 0)
+        throw std::system_error(error, std::generic_category(), "pthread_create() failed for thread '" + name + "'");
 }
 
 int Thread::create()

@@ -127,9 +127,9 @@ TEST(Consumers, allReceiveTheSameMessages)
     const Listener listener;
     Peer line(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     EXPECT_EQ(::unlockpt(line.socket.get()), 0);
-    Program program(server + "--client --client-remote-host localhost --client-passwd secret --id 7 --client-port " +
-                        std::to_string(listener.number) + " --baud 57600 --stopbits 2 --hwflow --rs485 --serial " +
-                        ::ptsname(line.socket.get()),
+    const std::string uplink = "--client --client-remote-host localhost --client-passwd secret --client-port ";
+    Program program(server + uplink + std::to_string(listener.number) + " --id 7 --server-passwd secret --serial " +
+                        ::ptsname(line.socket.get()) + " --baud 57600 --stopbits 2 --hwflow --rs485",
                     R"(while [ ! -e go ]; do sleep 0.1; done; sleep 1; for i in 0 1 2 3 4 5 6 7 8 9; do
                        printf '$GPGGA,%d\r\n$GPGSV,1,1,%d\r\n$GPRMC,off\r\n' $i $i; sleep 0.3; done
                        while :; do echo '$GPGGA'; sleep 0.5; done)");
@@ -137,9 +137,10 @@ TEST(Consumers, allReceiveTheSameMessages)
     collector.send("PASSWORD\r\n");
     EXPECT_EQ(collector.readUntil("\n"), "secret\r\n");
     collector.send("OK\r\n");
-    Peer client(program.port);
-    for (const std::string started : {"RS485 configurating error. errno:25", "successful logged", "trying to connect"})
-        EXPECT_TRUE(program.says(started)) << started;
+    Peer client = loggedIn(program.port, "secret\r\n");
+    EXPECT_EQ(client.readUntil("\n"), "OK\r\n");
+    EXPECT_TRUE(program.says("INFO: RS485 mode\nERROR: RS485 configurating error. errno:"));
+    EXPECT_TRUE(program.says("has successful logged into remote server"));
     std::ofstream(program.folder / "go");
 
     std::string expected;
@@ -153,7 +154,10 @@ TEST(Consumers, allReceiveTheSameMessages)
     EXPECT_EQ(settings.c_cflag & (CSTOPB | CRTSCTS), CSTOPB | CRTSCTS);
     line.socket.reset();
     EXPECT_TRUE(program.says("ERROR: serial write() of [NMEA STRING DATA] failed : error code = 5"));
-    EXPECT_THAT(contentOf(program.proc("cmdline")) + program.output(), Not(HasSubstr("secret")));
+    std::string published = program.output();
+    if (NAVTWINE_EMULATOR[0] == ' ') // an emulator's own command line keeps what it was started with
+        published += contentOf(program.proc("cmdline"));
+    EXPECT_THAT(published, Not(HasSubstr("secret")));
     EXPECT_EQ(program.interrupt(), 0) << "neither the uplink's delay nor the serial line may hold up the end";
 }
 
