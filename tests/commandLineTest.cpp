@@ -1,14 +1,14 @@
 #include "app/commandLine.h"
 #include "nmea/SentenceFilter.h"
 #include "serial/lineSettings.h"
+#include "support/Text.h"
 
 #include "harness.h"
 
-#include <tuple>
-
-static RunSettings parsed(std::vector<std::string> words)
+static RunSettings parsed(const std::string &arguments)
 {
-    std::vector<char *> pointers{words[0].data()};
+    std::vector<std::string> words = KAV::Text::split("navtwine " + arguments, ' ', 0);
+    std::vector<char *> pointers;
     for (std::string &word : words)
         pointers.push_back(word.data());
     return parseCommandLine(static_cast<int>(pointers.size()), pointers.data());
@@ -16,40 +16,10 @@ static RunSettings parsed(std::vector<std::string> words)
 
 TEST(parseCommandLine, takesEveryOption)
 {
-    const RunSettings s = parsed({"--loglevel",
-                                  "0x32",
-                                  "-e",
-                                  "--server",
-                                  "--server-port",
-                                  "70000",
-                                  "--client",
-                                  "--client-protocol",
-                                  "Udp",
-                                  "--client-remote-host",
-                                  "10.0.0.1/24",
-                                  "--client-port",
-                                  "010",
-                                  "--serial",
-                                  "/dev/x",
-                                  "--baud",
-                                  "57600",
-                                  "--datalength",
-                                  "7",
-                                  "--parity",
-                                  "odd",
-                                  "--stopbits",
-                                  "2",
-                                  "--rs485",
-                                  "--id",
-                                  "--gga",
-                                  "--id-prefix",
-                                  "P",
-                                  "--interval",
-                                  "4294967295",
-                                  "--timestamp",
-                                  "--daemonize",
-                                  "--verbose",
-                                  "--hwflow"});
+    const RunSettings s = parsed("--loglevel 0x32 -e --server --server-port 70000 --client --client-protocol Udp "
+                                 "--client-remote-host 10.0.0.1/24 --client-port 010 --serial /dev/x --baud 57600 "
+                                 "--datalength 7 --parity odd --stopbits 2 --rs485 --id --gga --id-prefix P "
+                                 "--interval 4294967295 --timestamp --daemonize --verbose --hwflow");
     EXPECT_TRUE(s.logToStderr && s.serverEnabled && s.clientEnabled && s.serialRs485 && s.timestamp && s.daemonize);
     EXPECT_EQ(std::tuple(s.logLevel, s.serverPort, s.clientPort, s.interval), std::tuple(50, 4464, 8, -1));
     EXPECT_EQ(s.clientProtocol, 'u');
@@ -68,8 +38,8 @@ TEST(parseCommandLine, takesEveryOption)
 
 TEST(parseCommandLine, keepsDefaultsForWhatIsMissing)
 {
-    for (const char *const last : {"--baud", "--loglevel", "--serial", "--id", "--server-passwd", "--servers"}) {
-        const RunSettings s = parsed({"--server", "--no-server", "--parity", "ODD", "--stopbits", "65537", last});
+    for (const std::string last : {"--baud", "--loglevel", "--serial", "--id", "--server-passwd", "--servers"}) {
+        const RunSettings s = parsed("--server --no-server --parity ODD --stopbits 65537 " + last);
         EXPECT_EQ(std::tuple(s.serialSpeed, s.serialCharSize, s.serialParity, s.serialStopBits),
                   std::tuple(B115200, CS8, 0, 0));
         EXPECT_EQ(std::tuple(s.logLevel, s.interval, s.serverPort, s.serverEnabled), std::tuple(30, 10, 5445, false));
@@ -79,21 +49,11 @@ TEST(parseCommandLine, keepsDefaultsForWhatIsMissing)
 
 TEST(parseCommandLine, switchesSentenceTypes)
 {
-    const char *const names[] = {"gga", "rmc", "gsa", "zda", "gbs", "gll", "gsv", "vtg"};
-    for (std::size_t row = 0; row < sentenceTypeCount; ++row) {
-        parsed({std::string("--") + names[row]});
+    for (std::size_t row = 0; const std::string name : {"gga", "rmc", "gsa", "zda", "gbs", "gll", "gsv", "vtg"}) {
+        parsed("--" + name);
         for (std::size_t other = 0; other < sentenceTypeCount; ++other)
-            EXPECT_EQ(sentenceFilters[other].enabled, other == row) << names[row];
-        parsed({std::string("--no-") + names[row]});
+            EXPECT_EQ(sentenceFilters[other].enabled, other == row) << name;
+        parsed("--no-" + name);
+        ++row;
     }
-}
-
-TEST(parseCommandLine, endsOnBadValues)
-{
-    for (const auto &[option, value, message] :
-         {std::tuple{"--baud", "09600", "Invalid baud value 09600.ABORTING EXECUTION"},
-          {"--stopbits", "two", "Invalid stop value two.ABORTING EXECUTION"},
-          {"--datalength", "9", "Invalid datalength value 9.ABORTING EXECUTION"},
-          {"--client-protocol", "sctp", "Unknown protocol SCTP.ABORTING EXECUTION"}})
-        EXPECT_EXIT(parsed({option, value}), testing::ExitedWithCode(1), message);
 }

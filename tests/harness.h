@@ -3,14 +3,19 @@
 #include "support/Descriptor.h"
 
 #include <chrono>
+#include <csignal>
 #include <filesystem>
-#include <gtest/gtest.h>
-#include <string>
-#include <sys/types.h>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/wait.h>
 #include <thread>
-#include <vector>
+#include <unistd.h>
 
 using namespace std::chrono_literals;
+namespace fs = std::filesystem;
+using testing::HasSubstr, testing::StartsWith;
 
 /// Waits until `holds` is true; the limit is generous, since machines under test are slow and busy.
 template <typename Predicate>
@@ -25,68 +30,149 @@ bool eventually(Predicate holds, std::chrono::milliseconds limit = 30s)
     return true;
 }
 
+inline std::string contentOf(const fs::path &file)
+{
+    std::ifstream stream(file);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+inline auto countOf(const fs::path &folder) { return std::distance(fs::directory_iterator(folder), {}); }
+
 /// A folder that goes with the object, with a `gpspipe` of the test's own in it, the body of a shell script.
-class FakeGpspipe {
-public:
-    explicit FakeGpspipe(const std::string &body);
-    FakeGpspipe(const FakeGpspipe &) = delete;
-    FakeGpspipe &operator=(const FakeGpspipe &) = delete;
-    ~FakeGpspipe();
-    /// PATH with the folder first.
-    [[nodiscard]] std::string searchPath() const { return folder.string() + ":/usr/bin:/bin"; }
-    /// The content of a file in the folder; empty when there is none.
-    [[nodiscard]] std::string content(const char *file) const;
+struct FakeGpspipe {
+    explicit FakeGpspipe(const std::string &body)
+    {
+        std::string pattern = fs::temp_directory_path() / "navtwine-test-XXXXXX";
+        folder = ::mkdtemp(pattern.data());
+        std::ofstream(folder / "gpspipe") << "#!/bin/sh\n" << body << '\n';
+        fs::permissions(folder / "gpspipe", fs::perms::owner_all);
+    }
+    FakeGpspipe &operator=(FakeGpspipe &&) = delete;
+    ~FakeGpspipe()
+    {
+        std::error_code ignored;
+        fs::remove_all(folder, ignored);
+    }
 
-    std::filesystem::path folder;
-};
-
-/// How many entries the process's /proc folder `fd` or `task` has.
-std::size_t count(pid_t pid, const char *what);
-
-/// The TCP port that the process listens on, 0 until it does.
-std::uint16_t listeningPort(pid_t pid);
-
-/// The real program, run in the fake's folder; its standard output and standard error are one text.
-class Program {
-public:
-    Program(const std::vector<std::string> &arguments, const std::string &gpspipeBody, int openFiles = 512);
-    Program(const Program &) = delete;
-    Program &operator=(const Program &) = delete;
-    ~Program();
-
-    [[nodiscard]] std::string output() const { return gpspipe.content("output"); }
-    [[nodiscard]] bool says(const std::string &text) const { return output().find(text) != std::string::npos; }
-    /// Waits until the server listens, and returns its port.
-    [[nodiscard]] std::uint16_t port() const;
-    /// Waits for the end, -1 when it does not come; the status is 128 + N for signal N.
-    int wait(std::chrono::milliseconds limit = 30s);
-    /// SIGINT, then `wait` for the three seconds that users are promised and some for a busy machine.
-    int interrupt();
-
-    FakeGpspipe gpspipe;
-    pid_t pid;
+    fs::path folder;
 };
 
 /// A TCP client on 127.0.0.1, or one end of any other connection.
-class Peer {
-public:
-    explicit Peer(std::uint16_t port);
+struct Peer {
+    /// Waits until somebody listens.
+    explicit Peer(std::uint16_t port) : Peer(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        const sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        const auto *const generic = reinterpret_cast<const sockaddr *>(&address);
+        EXPECT_TRUE(eventually([&] { return ::connect(socket.get(), generic, sizeof address) == 0; }));
+    }
     explicit Peer(int connected) : socket(connected) {}
 
-    void send(const std::string &bytes) const;
+    /// The other side may be gone already: what comes back decides, not what went out.
+    void send(const std::string &bytes) const { ::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+    /// Whether there is something to read, or to accept.
+    [[nodiscard]] bool isReady(std::chrono::milliseconds limit) const
+    {
+        pollfd waiting{socket.get(), POLLIN, 0};
+        return ::poll(&waiting, 1, static_cast<int>(limit.count())) > 0;
+    }
     /// Reads until `text` has come, the peer closes, or the limit is over; all that was read since the last
     /// call.
-    std::string readUntil(const std::string &text, std::chrono::milliseconds limit = 30s);
+    std::string readUntil(const std::string &text, std::chrono::milliseconds limit = 30s)
+    {
+        std::string all;
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        do {
+            if (!isReady(10ms))
+                continue;
+            char bytes[4096];
+            const ssize_t size = ::read(socket.get(), bytes, sizeof bytes);
+            closed = size <= 0;
+            all.append(bytes, closed ? 0 : static_cast<std::size_t>(size));
+        } while (!closed && all.find(text) == std::string::npos && std::chrono::steady_clock::now() < deadline);
+        return all;
+    }
 
     KAV::Descriptor socket;
     bool closed = false;
 };
 
-/// A socket of the test's own on a free port of 127.0.0.1, listening when it is a stream.
-KAV::Descriptor openOnFreePort(int type, std::uint16_t &port);
+/// A client that has answered the server's prompt.
+inline Peer loggedIn(std::uint16_t port, const std::string &answer)
+{
+    Peer peer(port);
+    peer.readUntil("PASSWORD\r\n");
+    peer.send(answer);
+    return peer;
+}
 
-/// Waits for the next connection.
-Peer acceptFrom(const KAV::Descriptor &listener);
+/// A free port of 127.0.0.1: one for datagrams, or one that nobody but a server to come can take.
+struct Port : Peer {
+    explicit Port(int type = SOCK_STREAM) : Peer(::socket(AF_INET, type | SOCK_CLOEXEC, 0))
+    {
+        const int on = 1;
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        auto *const generic = reinterpret_cast<sockaddr *>(&address);
+        socklen_t size = sizeof address;
+        EXPECT_EQ(::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), 0);
+        EXPECT_EQ(::bind(socket.get(), generic, size), 0);
+        EXPECT_EQ(::getsockname(socket.get(), generic, &size), 0);
+        number = ntohs(address.sin_port);
+    }
 
-/// The master side of a pseudo-terminal; `path` gets the name of the other side.
-Peer openPseudoTerminal(std::string &path);
+    std::uint16_t number;
+};
+
+/// A port that takes connections.
+struct Listener : Port {
+    Listener() { EXPECT_EQ(::listen(socket.get(), 5), 0); }
+    [[nodiscard]] Peer accept() const { return Peer(isReady(30s) ? ::accept(socket.get(), nullptr, nullptr) : -1); }
+};
+
+/// The real program, run in the fake's folder with arguments as for a shell, where $PORT is `port`; its standard
+/// output and standard error are one text.
+struct Program : FakeGpspipe {
+    Program(const std::string &arguments, const std::string &gpspipeBody, int openFiles = 512)
+        : FakeGpspipe(gpspipeBody),
+          pid(::fork())
+    {
+        if (pid != 0)
+            return;
+        ::closefrom(3); // the test runner's own would count against `openFiles`
+        std::ostringstream command;
+        command << "cd " << folder << "; ulimit -n " << openFiles << "; PATH=$PWD:$PATH; PORT=" << port
+                << "; exec >>output 2>&1 " NAVTWINE_EMULATOR NAVTWINE_PROGRAM " " << arguments;
+        ::execl("/bin/sh", "sh", "-c", command.str().c_str(), nullptr);
+    }
+    ~Program()
+    {
+        if (pid > 0 && interrupt() < 0)
+            ::kill(pid, SIGKILL);
+    }
+
+    [[nodiscard]] std::string output() const { return contentOf(folder / "output"); }
+    /// Waits for a text in the output.
+    [[nodiscard]] bool says(const std::string &text) const
+    {
+        return eventually([&] { return output().find(text) != std::string::npos; });
+    }
+    /// The number of gpspipe's process, which its script's `echo $$ > pid` told; 0 before it did.
+    [[nodiscard]] pid_t gpspipe() const { return std::atoi(contentOf(folder / "pid").c_str()); }
+    /// A file or folder in which the kernel tells about the process.
+    [[nodiscard]] fs::path proc(const char *file) const { return fs::path("/proc") / std::to_string(pid) / file; }
+    /// Waits for the end, -1 when it does not come; the status is 128 + N for signal N.
+    int wait(std::chrono::milliseconds limit = 30s)
+    {
+        int status = 0;
+        if (!eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, limit))
+            return -1;
+        pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    /// SIGINT, then `wait` for the three seconds that users are promised and some for a busy machine.
+    int interrupt() { return ::kill(pid, SIGINT) == 0 ? wait(10s) : -1; }
+
+    const Port reserved;
+    const std::uint16_t port = reserved.number;
+    pid_t pid;
+};

@@ -7,14 +7,12 @@
 
 #include <atomic>
 
-using Strings = std::vector<std::string>;
-
 TEST(Text, splitsAndStrips)
 {
-    EXPECT_EQ(KAV::Text::split("$GPGSV,3,,1", ',', 0), (Strings{"$GPGSV", "3", "", "1"}));
-    EXPECT_EQ(KAV::Text::split("", ',', 0), Strings{""});
-    EXPECT_EQ(KAV::Text::split("end,", ',', 0), (Strings{"end", ""}));
-    EXPECT_EQ(KAV::Text::split("a,b,c", ',', 2), (Strings{"a", "b,c"}));
+    EXPECT_THAT(KAV::Text::split("$GPGSV,3,,1", ',', 0), testing::ElementsAre("$GPGSV", "3", "", "1"));
+    EXPECT_THAT(KAV::Text::split("", ',', 0), testing::ElementsAre(""));
+    EXPECT_THAT(KAV::Text::split("end,", ',', 0), testing::ElementsAre("end", ""));
+    EXPECT_THAT(KAV::Text::split("a,b,c", ',', 2), testing::ElementsAre("a", "b,c"));
     EXPECT_EQ(KAV::Text::strip("\ra\rb\r\n", {0x0A, 0x0D}), "a\rb");
     EXPECT_EQ(KAV::Text::strip("\n\r\n", {0x0A, 0x0D}), "");
 }
@@ -33,20 +31,17 @@ TEST(Logger, writesOneHarmlessLineAndKeepsErrno)
     EXPECT_EQ(computed, 0);
 }
 
-class Worker : public KAV::Thread {
-public:
+struct Worker : KAV::Thread {
     Worker(bool owned, void (*_body)()) : Thread("navtwine worker-with-a-long-name", owned), body(_body) { start(); }
     ~Worker() override
     {
-        if (isAlive())
-            stop();
+        stop();
         ++destroyed;
     }
     void execute() override { body(); }
-    static inline std::atomic<int> destroyed{0};
 
-private:
     void (*body)();
+    static inline std::atomic<int> destroyed{0};
 };
 
 TEST(Thread, stopEndsABlockedBodyAndReleasesItsLocks)
@@ -55,15 +50,14 @@ TEST(Thread, stopEndsABlockedBodyAndReleasesItsLocks)
     static std::atomic<bool> entered;
     for (const bool owned : {true, false}) {
         entered = false;
-        auto *const worker = new Worker(owned, [] {
+        const auto worker = std::make_unique<Worker>(owned, [] {
             const KAV::Hold hold(lock);
             entered = true;
             KAV::Thread::sleep(3'600'000);
         });
         ASSERT_TRUE(eventually([] { return entered.load(); }));
-        delete worker;
-        const KAV::Hold freeAgain(lock);
     }
+    const KAV::Hold freeAgain(lock);
 }
 
 TEST(Thread, isDeletedByTheLibraryWhenNobodyOwnsIt)
