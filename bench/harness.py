@@ -43,8 +43,12 @@ def wait_until(condition, seconds, step=0.05):
 
 
 def is_listening(port):
-    with contextlib.closing(socket.socket()) as probe:
-        return probe.connect_ex(("127.0.0.1", port)) == 0
+    """Looked up, not tried: a connection would be a client."""
+    for line in Path("/proc/net/tcp").read_text().splitlines()[1:]:
+        _, local, _, state = line.split()[:4]
+        if state == "0A" and int(local.split(":")[1], 16) == port:
+            return True
+    return False
 
 
 def children_of(process):
@@ -139,10 +143,13 @@ class Navtwine:
 
 
 class Clients:
-    """Well-behaved clients: a thread of ours takes and counts what they get. A context manager."""
+    """Well-behaved clients: a thread of ours takes and counts what they get. A context manager.
 
-    def __init__(self, port, count):
+    `pause`: seconds from one connection to the next; 0: all at once."""
+
+    def __init__(self, port, count, keep=False, pause=0.002):
         self.selector = selectors.DefaultSelector()
+        self.chunks = {} if keep else None  # socket: [(when it came, bytes)]
         self.received = {}  # socket: bytes
         self.first = {}     # socket: when its first byte came, time.monotonic()
         self.closed = set()
@@ -154,6 +161,8 @@ class Clients:
             client.connect_ex(("127.0.0.1", port))
             self.received[client] = 0
             self.selector.register(client, selectors.EVENT_READ)
+            if pause:
+                time.sleep(pause)
         self.thread = threading.Thread(target=self._take, daemon=True)
         self.thread.start()
 
@@ -180,6 +189,8 @@ class Clients:
         if data:
             self.first.setdefault(client, time.monotonic())
             self.received[client] += len(data)
+            if self.chunks is not None:
+                self.chunks.setdefault(client, []).append((time.monotonic(), data))
         else:
             self.closed.add(client)
             self.selector.unregister(client)
