@@ -111,27 +111,40 @@ def real_pace():
 
 # -- memory and threads --------------------------------------------------------------------------------------
 
-def memory():
+def memory_with(counts, environment=None):
+    """{number of clients: figures} of one process."""
     figures = {}
-    with Navtwine() as navtwine, contextlib.ExitStack() as stack:
+    with Navtwine(environment=environment) as navtwine, contextlib.ExitStack() as stack:
         navtwine.wait_until_listening()
         connected = 0
-        for count in (0, 10, 100, 1000):
-            more = stack.enter_context(Clients(navtwine.port, count - connected))
+        for count in counts:
+            stack.enter_context(Clients(navtwine.port, count - connected))
             connected = count
-            more.wait_until_all_served()
+            if not wait_until(lambda: navtwine.threads() == THREADS + count, 30):
+                raise Failed(f"{navtwine.threads() - THREADS} handlers for {count} clients")
             time.sleep(5 if QUICK else 10)
             figures[count] = {**navtwine.memory(), "threads": navtwine.threads()}
+    return figures
+
+
+def for_each_further(figures, key):
+    return (figures[1000][key] - figures[100][key]) / 900
+
+
+def memory():
+    figures = memory_with((0, 10, 100, 1000))
     for count, of in figures.items():
         row(f"memory and threads, {count} clients at 1 Hz",
             f"{of['rss']} KiB, {of['dirty']} KiB dirty, {of['threads']} threads")
     below("  resident without a client", figures[0]["rss"] / 1024, 3.5, "{:.2f} MiB")
     below("  of which Private_Dirty", figures[0]["dirty"], 300, "{:.0f} KiB")
-    each = {key: (figures[1000][key] - figures[100][key]) / 900 for key in ("rss", "size", "threads")}
-    below("  resident for each further client, 100 to 1,000", each["rss"], 10, "{:.1f} KiB")
-    # The guard page, which every stack has, is no memory.
-    below("  address space for each further client (and a guard page)", each["size"] - 4, 256, "{:.0f} KiB")
-    row("  threads for each further client", f"{each['threads']:.2f}", "1", round(each["threads"], 2) == 1)
+    row("  threads for each further client, 100 to 1,000", f"{for_each_further(figures, 'threads'):.2f}", "1",
+        for_each_further(figures, "threads") == 1)
+    row("  resident for each further client, waiting sentences and all", f"{for_each_further(figures, 'rss'):.1f} KiB")
+    idle = memory_with((100, 1000), {"GPSPIPE_RATE": "0.0001"})
+    below("  resident for each further idle client, 100 to 1,000", for_each_further(idle, "rss"), 10, "{:.1f} KiB")
+    below("  address space for each, heap and guard page included", for_each_further(idle, "size"), 256,
+          "{:.0f} KiB")
 
 
 # -- many at once, and too many ------------------------------------------------------------------------------
