@@ -17,6 +17,6 @@ struct Consumers {
 /// from then on. Thread: main, after the daemon step.
 [[nodiscard]] Consumers startConsumers(const RunSettings &settings);
 
-/// Waits for the server's end and deletes it. The other consumers may be held by their peers and are not
-/// waited for; they end with the process.
+/// Waits for the server's end and deletes it. The other consumers may be held by their peers and are not waited
+/// for; they end with the process.
 void endConsumers(Consumers &consumers);

@@ -3,18 +3,13 @@
 #include "nmea/gpspipeProcess.h"
 #include "support/exitRequested.h"
 
-#include <csignal>
-
 namespace {
 
 constexpr unsigned int step = 500; ///< milliseconds
 
 } // namespace
 
-ReaderStopThread::ReaderStopThread() : KAV::Thread("navtwine reader-stop-thread", true)
-{
-    KAV::Thread::start();
-}
+ReaderStopThread::ReaderStopThread() : KAV::Thread("navtwine reader-stop-thread", true) { KAV::Thread::start(); }
 
 ReaderStopThread::~ReaderStopThread()
 {
@@ -27,8 +22,8 @@ void ReaderStopThread::execute()
     while (exitRequested == 0)
         KAV::Thread::sleep(step);
     // Until main, back from the reader, destroys this object.
-    for (int signal = SIGTERM;; signal = SIGKILL) {
-        signalGpspipe(signal);
+    while (true) {
+        endGpspipe();
         KAV::Thread::sleep(step);
     }
 }

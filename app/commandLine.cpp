@@ -3,6 +3,7 @@
 #include "app/baudTable.h"
 #include "nmea/SentenceFilter.h"
 #include "support/Logger.h"
+#include "support/wipe_string.h"
 
 #include <algorithm>
 #include <array>
@@ -92,6 +93,7 @@ void setText(RunSettings &settings, char *value)
 template <std::string RunSettings::*field>
 void setSecret(RunSettings &settings, char *value)
 {
+    wipe_string(settings.*field); // of an earlier occurrence
     settings.*field = value;
     ::explicit_bzero(value, std::strlen(value));
 }
@@ -114,31 +116,30 @@ struct Option {
     void (*apply)(RunSettings &settings, char *value);
 };
 
-using Settings = RunSettings;
 constexpr std::array options{
     Option{"--loglevel", true, setLogLevel},
-    Option{"--server", false, setFlag<&Settings::serverEnabled, true>},
-    Option{"-e", false, setFlag<&Settings::logToStderr, true>},
-    Option{"--no-server", false, setFlag<&Settings::serverEnabled, false>},
-    Option{"--rs485", false, setFlag<&Settings::serialRs485, true>},
-    Option{"--serial", true, setText<&Settings::serialPort>},
-    Option{"--client", false, setFlag<&Settings::clientEnabled, true>},
-    Option{"--no-client", false, setFlag<&Settings::clientEnabled, false>},
-    Option{"--timestamp", false, setFlag<&Settings::timestamp, true>},
-    Option{"--no-timestamp", false, setFlag<&Settings::timestamp, false>},
+    Option{"--server", false, setFlag<&RunSettings::serverEnabled, true>},
+    Option{"-e", false, setFlag<&RunSettings::logToStderr, true>},
+    Option{"--no-server", false, setFlag<&RunSettings::serverEnabled, false>},
+    Option{"--rs485", false, setFlag<&RunSettings::serialRs485, true>},
+    Option{"--serial", true, setText<&RunSettings::serialPort>},
+    Option{"--client", false, setFlag<&RunSettings::clientEnabled, true>},
+    Option{"--no-client", false, setFlag<&RunSettings::clientEnabled, false>},
+    Option{"--timestamp", false, setFlag<&RunSettings::timestamp, true>},
+    Option{"--no-timestamp", false, setFlag<&RunSettings::timestamp, false>},
     Option{"--baud", true, setBaud},
     Option{"--stopbits", true, setStopBits},
     Option{"--hwflow", false, [](RunSettings &settings, char *) { settings.serialHwFlow = CRTSCTS; }},
     Option{"--datalength", true, setDataLength},
     Option{"--parity", true, setParity},
-    Option{"--server-port", true, setPort<&Settings::serverPort>},
-    Option{"--client-port", true, setPort<&Settings::clientPort>},
-    Option{"--server-passwd", true, setSecret<&Settings::serverPassword>},
-    Option{"--client-passwd", true, setSecret<&Settings::clientPassword>},
+    Option{"--server-port", true, setPort<&RunSettings::serverPort>},
+    Option{"--client-port", true, setPort<&RunSettings::clientPort>},
+    Option{"--server-passwd", true, setSecret<&RunSettings::serverPassword>},
+    Option{"--client-passwd", true, setSecret<&RunSettings::clientPassword>},
     Option{"--client-protocol", true, setClientProtocol},
-    Option{"--client-remote-host", true, setText<&Settings::clientRemoteHost>},
-    Option{"--id-prefix", true, setText<&Settings::stationIdPrefix>},
-    Option{"--id", true, setText<&Settings::stationId>},
+    Option{"--client-remote-host", true, setText<&RunSettings::clientRemoteHost>},
+    Option{"--id-prefix", true, setText<&RunSettings::stationIdPrefix>},
+    Option{"--id", true, setText<&RunSettings::stationId>},
     Option{"--interval", true, setInterval},
     Option{"--gga", false, setSwitch<SentenceType::GGA, true>},
     Option{"--no-gga", false, setSwitch<SentenceType::GGA, false>},
@@ -156,8 +157,8 @@ constexpr std::array options{
     Option{"--no-gsv", false, setSwitch<SentenceType::GSV, false>},
     Option{"--vtg", false, setSwitch<SentenceType::VTG, true>},
     Option{"--no-vtg", false, setSwitch<SentenceType::VTG, false>},
-    Option{"--daemonize", false, setFlag<&Settings::daemonize, true>},
-    Option{"--no-daemonize", false, setFlag<&Settings::daemonize, false>},
+    Option{"--daemonize", false, setFlag<&RunSettings::daemonize, true>},
+    Option{"--no-daemonize", false, setFlag<&RunSettings::daemonize, false>},
 };
 
 } // namespace
@@ -167,8 +168,8 @@ RunSettings parseCommandLine(int argc, char *argv[])
     RunSettings settings;
     for (int index = 1; index < argc; ++index) {
         const std::string_view argument(argv[index]);
-        const auto *const option = std::find_if(
-            options.begin(), options.end(), [argument](const Option &row) { return row.name == argument; });
+        const auto *const option = std::find_if(options.begin(), options.end(),
+                                                [argument](const Option &row) { return row.name == argument; });
         if (option == options.end() || (option->takesValue && index + 1 == argc))
             continue;
         if (option->takesValue)

@@ -13,7 +13,7 @@ int main(int argc, char *argv[])
     if (wantsUsage(argc, argv))
         printUsage();
     installSignalHandlers();
-    KAV::Logger::setPrintLevel(KAV::Logger::PrintLevel::INFO_LEVEL, false);
+    KAV::Logger::setPrintLevel(RunSettings{}.logLevel, false);
     RunSettings settings = parseCommandLine(argc, argv);
     prepareProcess();
     setUpLogger(settings);

@@ -39,8 +39,8 @@ void prepareProcess()
 {
     openStandardStreams();
     raiseDescriptorLimit();
-    ::mallopt(M_ARENA_MAX,
-              1); // messages are small and brief: an arena a thread buys memory with nothing to show
+    // Messages are small and brief: an arena a thread costs memory with nothing to show for it.
+    ::mallopt(M_ARENA_MAX, 1);
 }
 
 void daemonizeOrExit(const char *program)

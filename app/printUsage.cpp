@@ -51,9 +51,8 @@ OPTIONS:
 
 bool wantsUsage(int argc, char *argv[])
 {
-    return argc <= 1 || std::any_of(argv + 1, argv + argc, [](std::string_view argument) {
-               return argument == "-h" || argument == "--help";
-           });
+    return argc <= 1 || std::any_of(argv + 1, argv + argc,
+                                    [](std::string_view argument) { return argument == "-h" || argument == "--help"; });
 }
 
 void printUsage()

@@ -11,12 +11,6 @@
 #include <cstring>
 #include <sys/socket.h>
 
-namespace {
-
-constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
-
-} // namespace
-
 ClientHandlerThread::ClientHandlerThread(int _socketDescriptor, const std::string &_password,
                                          std::uint16_t _maxLoginAttempts)
     : Observer("navtwine client-handler-thread for socket descriptor: " + std::to_string(_socketDescriptor)),
@@ -36,7 +30,6 @@ ClientHandlerThread::~ClientHandlerThread()
     subject->detach(this);
     if (isAlive())
         KAV::Thread::stop();
-    wipe_string(password);
 }
 
 void ClientHandlerThread::execute()
@@ -73,11 +66,9 @@ bool ClientHandlerThread::login()
                 KAV_LOG(INFO, "successfully logged in!\n");
                 return true;
             }
-            KAV_LOG(ERROR, "send() of [PASSWORD_OK] failed with error code: %d : %s\n", errno,
-                    std::strerror(errno));
+            KAV_LOG(ERROR, "send() of [PASSWORD_OK] failed with error code: %d : %s\n", errno, std::strerror(errno));
         } else if (!handshake::sendLine(socketDescriptor, "ERROR\r\n")) {
-            KAV_LOG(ERROR, "send() of [PASSWORD_WRONG] failed with error code: %d : %s\n", errno,
-                    std::strerror(errno));
+            KAV_LOG(ERROR, "send() of [PASSWORD_WRONG] failed with error code: %d : %s\n", errno, std::strerror(errno));
         }
     }
     return false;
@@ -100,8 +91,8 @@ bool ClientHandlerThread::sendToClient(const std::string &data) const
     KAV_LOG(DEBUG, "ClientHandlerThread:nmeaSend:%s", data.c_str());
     if (::send(socketDescriptor, data.data(), data.size(), 0) >= 0)
         return true;
-    KAV_LOG(ERROR, "send() of [NMEA STRING DATA] failed for client: %d : error code = %d : %s\n",
-            socketDescriptor, errno, std::strerror(errno));
+    KAV_LOG(ERROR, "send() of [NMEA STRING DATA] failed for client: %d : error code = %d : %s\n", socketDescriptor,
+            errno, std::strerror(errno));
     if (errno == EINTR || errno == EAGAIN)
         return true;
     KAV_LOG(INFO, "client is unreachable - disconnecting socket\n");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nmea/Observer.h"
+#include "support/wipe_string.h"
 
 #include <cstdint>
 #include <string>
@@ -11,8 +12,7 @@ class nmeaDataSubject;
 /// after the login. Made with `new` by the server; deletes itself when its body has ended (Observer).
 class ClientHandlerThread : public Observer {
 public:
-    /// Takes over `_socketDescriptor` (the body closes it) and starts the thread. `_password` empty: no
-    /// login.
+    /// Takes over `_socketDescriptor` (the body closes it) and starts the thread. `_password` empty: no login.
     /// `_maxLoginAttempts` 0: no limit.
     /// Thread: the server's. Errors: as KAV::Thread::start; the descriptor then still belongs to the caller.
     ClientHandlerThread(int _socketDescriptor, const std::string &_password, std::uint16_t _maxLoginAttempts);
@@ -20,8 +20,8 @@ public:
 
     void execute() override;
 
-    /// The listening side of the handshake; only with a password. True when the client knew it and was told
-    /// so. Takes at most a little over 30 s an attempt.
+    /// The listening side of the handshake; only with a password. True when the client knew it and was told so.
+    /// Takes at most a little over 30 s an attempt.
     [[nodiscard]] bool login();
 
 private:
@@ -31,5 +31,5 @@ private:
     nmeaDataSubject *subject; ///< not owned
     int socketDescriptor;     ///< closed by the body
     std::uint16_t maxLoginAttempts;
-    std::string password;
+    WipedString password;
 };

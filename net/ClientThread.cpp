@@ -6,7 +6,6 @@
 #include "support/Descriptor.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
-#include "support/wipe_string.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -19,7 +18,6 @@ using KAV::Descriptor;
 
 namespace {
 
-constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
 constexpr char udp = 'u';
 
 /// The first IPv4 address of `host`. False when there is none, with a line in the log.
@@ -29,8 +27,7 @@ bool resolve(const std::string &host, in_addr &address)
     hostent *found = nullptr;
     std::array<char, 1024> work;
     int error = 0;
-    static_cast<void>(
-        ::gethostbyname2_r(host.c_str(), AF_INET, &entry, work.data(), work.size(), &found, &error));
+    static_cast<void>(::gethostbyname2_r(host.c_str(), AF_INET, &entry, work.data(), work.size(), &found, &error));
     if (found == nullptr) {
         KAV_LOG(ERROR, "connect_to_host() : gethostbyname2_r() failed with error code: %d : %s\n", error,
                 ::hstrerror(error));
@@ -70,7 +67,6 @@ ClientThread::~ClientThread()
     subject->detach(this);
     if (isAlive())
         KAV::Thread::stop();
-    wipe_string(password);
 }
 
 void ClientThread::execute()
@@ -85,10 +81,8 @@ void ClientThread::runSession()
 {
     const Descriptor connection(connect_to_host());
     if (!connection.isOpen()) {
-        KAV_LOG(
-            ERROR,
-            "connect_to_host() failed. (see error message above for reason) : retrying login in %u ms...\n",
-            retryDelay);
+        KAV_LOG(ERROR, "connect_to_host() failed. (see error message above for reason) : retrying login in %u ms...\n",
+                retryDelay);
         return;
     }
     socketDescriptor = connection.get();
@@ -127,8 +121,7 @@ bool ClientThread::sendToCollector(const std::string &data) const
     KAV_LOG(DEBUG, "ClientThread::nmeaSend:%s", data.c_str());
     if (::send(socketDescriptor, data.data(), data.size(), 0) >= 0)
         return true;
-    KAV_LOG(ERROR, "send() of [NMEA STRING DATA] failed : error code = %d : %s\n", errno,
-            std::strerror(errno));
+    KAV_LOG(ERROR, "send() of [NMEA STRING DATA] failed : error code = %d : %s\n", errno, std::strerror(errno));
     return false;
 }
 
@@ -142,16 +135,14 @@ int ClientThread::connect_to_host() const
     const int type = protocol == udp ? SOCK_DGRAM : SOCK_STREAM;
     Descriptor connection(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
     if (!connection.isOpen()) {
-        KAV_LOG(ERROR, "connect_to_host() : socket() failed with error code: %d : %s\n", errno,
-                std::strerror(errno));
+        KAV_LOG(ERROR, "connect_to_host() : socket() failed with error code: %d : %s\n", errno, std::strerror(errno));
         return connection.get();
     }
     if (type == SOCK_STREAM)
         limitSendBuffer(connection.get());
     logAddress(peer.sin_addr);
     if (::connect(connection.get(), reinterpret_cast<const sockaddr *>(&peer), sizeof peer) != 0) {
-        KAV_LOG(ERROR, "connect_to_host() : connect() failed with error code: %d : %s\n", errno,
-                std::strerror(errno));
+        KAV_LOG(ERROR, "connect_to_host() : connect() failed with error code: %d : %s\n", errno, std::strerror(errno));
         return -1;
     }
     KAV_LOG(INFO, "connect_to_host() : connect() succeeded with valid socket: %d\n", connection.get());
@@ -162,32 +153,27 @@ bool ClientThread::authentificate() const
 {
     handshake::Line line;
     if (!line.receive(socketDescriptor)) {
-        KAV_LOG(ERROR,
-                "client authentificate:read_line_from_socket() failed or timed out while listening for a "
-                "[PASSWORD PROMPT] message\n");
+        KAV_LOG(ERROR, "client authentificate:read_line_from_socket() failed or timed out while listening for a "
+                       "[PASSWORD PROMPT] message\n");
         return false;
     }
     if (!line.is("PASSWORD")) {
-        KAV_LOG(
-            ERROR,
-            "client authentificate:did not receive [PASSWORD PROMPT] from the server. Received data = %s\n",
-            line.raw());
+        KAV_LOG(ERROR, "client authentificate:did not receive [PASSWORD PROMPT] from the server. Received data = %s\n",
+                line.raw());
         return false;
     }
     if (!handshake::sendSecret(socketDescriptor, password)) {
-        KAV_LOG(ERROR, "client authentificate:send() of [PASSWORD SECRET] failed : error code = %d : %s\n",
-                errno, std::strerror(errno));
+        KAV_LOG(ERROR, "client authentificate:send() of [PASSWORD SECRET] failed : error code = %d : %s\n", errno,
+                std::strerror(errno));
         return false;
     }
     if (!line.receive(socketDescriptor)) {
-        KAV_LOG(ERROR,
-                "client authentificate:read_line_from_socket() failed or timed out while listening for a "
-                "[PASSWORD OK] message\n");
+        KAV_LOG(ERROR, "client authentificate:read_line_from_socket() failed or timed out while listening for a "
+                       "[PASSWORD OK] message\n");
         return false;
     }
     if (!line.is("OK")) {
-        KAV_LOG(ERROR,
-                "client authentificate:did not receive [PASSWORD OK] from the server. Received data = %s\n",
+        KAV_LOG(ERROR, "client authentificate:did not receive [PASSWORD OK] from the server. Received data = %s\n",
                 line.raw());
         return false;
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nmea/Observer.h"
+#include "support/wipe_string.h"
 
 #include <cstdint>
 #include <string>
@@ -13,10 +14,8 @@ class nmeaDataSubject;
 class ClientThread : public Observer {
 public:
     /// Starts the thread. `_remoteHost` is a name or an IPv4 address, `_port` in host byte order, `_protocol`
-    /// 't' for TCP or 'u' for UDP; an empty `_password`, and UDP, mean no login. Errors: as
-    /// KAV::Thread::start.
-    ClientThread(const std::string &_remoteHost, std::uint16_t _port, char _protocol,
-                 const std::string &_password);
+    /// 't' for TCP or 'u' for UDP; an empty `_password`, and UDP, mean no login. Errors: as KAV::Thread::start.
+    ClientThread(const std::string &_remoteHost, std::uint16_t _port, char _protocol, const std::string &_password);
     ~ClientThread() override;
 
     void execute() override;
@@ -39,7 +38,7 @@ private:
     int socketDescriptor;           ///< the session's connection, closed at its end; -1 before the first
     char protocol;
     std::string remoteHost;
-    std::string password;
+    WipedString password;
     std::uint16_t port;
     bool registered = false; ///< once for all sessions, so that messages collect while there is none
 };

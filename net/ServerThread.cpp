@@ -5,9 +5,8 @@
 #include "net/limitSendBuffer.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
-#include "support/wipe_string.h"
+#include "support/startWorker.h"
 
-#include <exception>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -47,14 +46,15 @@ ServerThread::~ServerThread()
 {
     if (isAlive())
         KAV::Thread::stop();
-    wipe_string(password);
 }
 
 void ServerThread::execute()
 {
     const Descriptor listener = listenOnPort();
-    if (listener.isOpen() && exitRequested == 0)
-        serve(listener.get());
+    if (!listener.isOpen() || exitRequested != 0)
+        return;
+    limitSendBuffer(listener.get());
+    serve(listener.get());
 }
 
 Descriptor ServerThread::listenOnPort() const
@@ -69,7 +69,7 @@ Descriptor ServerThread::listenOnPort() const
     } else if (!bindToPort(listener.get(), port)) {
         KAV_LOG(ERROR, "bind() failed for socket descriptor: %d\n", listener.get());
         listener.reset();
-    } else if (limitSendBuffer(listener.get()); ::listen(listener.get(), backlog) != 0) {
+    } else if (::listen(listener.get(), backlog) != 0) {
         KAV_LOG(ERROR, "listen() failed for socket descriptor: %d\n", listener.get());
         listener.reset();
     }
@@ -90,10 +90,6 @@ void ServerThread::serve(int listener) const
 
 void ServerThread::handOver(Descriptor connection) const
 {
-    try {
-        new ClientHandlerThread(connection.get(), password, maxLoginAttempts);
-        static_cast<void>(connection.release());
-    } catch (const std::exception &) {
-        // The thread library has logged why; the connection closes here and the server goes on.
-    }
+    if (KAV::startWorker<ClientHandlerThread>(connection.get(), password, maxLoginAttempts) != nullptr)
+        static_cast<void>(connection.release()); // the handler's now; it may have closed it already
 }

@@ -2,6 +2,7 @@
 
 #include "support/Descriptor.h"
 #include "support/Thread.h"
+#include "support/wipe_string.h"
 
 #include <cstdint>
 #include <string>
@@ -26,5 +27,5 @@ private:
 
     std::uint16_t port;
     std::uint16_t maxLoginAttempts;
-    std::string password;
+    WipedString password;
 };

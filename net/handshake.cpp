@@ -18,12 +18,9 @@ bool Line::receive(int socketDescriptor)
 
 bool Line::is(const std::string &text) const
 {
-    std::string unstripped(bytes.data());
-    std::string stripped = KAV::Text::strip(unstripped, {'\n', '\r'});
-    const bool equal = stripped == text;
-    wipe_string(unstripped);
-    wipe_string(stripped);
-    return equal;
+    const WipedString received(bytes.data());
+    const WipedString stripped(KAV::Text::strip(received, {'\n', '\r'}));
+    return stripped == text;
 }
 
 bool sendLine(int socketDescriptor, const std::string &line)
@@ -33,12 +30,10 @@ bool sendLine(int socketDescriptor, const std::string &line)
 
 bool sendSecret(int socketDescriptor, const std::string &password)
 {
-    std::string line;
+    WipedString line;
     line.reserve(password.size() + 2); // growing would leave a copy behind in freed memory
     line.append(password).append("\r\n");
-    const bool sent = sendLine(socketDescriptor, line);
-    wipe_string(line);
-    return sent;
+    return sendLine(socketDescriptor, line);
 }
 
 } // namespace handshake

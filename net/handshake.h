@@ -35,8 +35,7 @@ private:
 /// Sends `line` with one send(2); false, with `errno` set, when it failed. A short send counts as success.
 [[nodiscard]] bool sendLine(int socketDescriptor, const std::string &line);
 
-/// Sends `password` and the line end with one send(2), as `sendLine`; the copy that it makes for that is
-/// wiped.
+/// Sends `password` and the line end with one send(2), as `sendLine`; the copy that it makes for that is wiped.
 [[nodiscard]] bool sendSecret(int socketDescriptor, const std::string &password);
 
 } // namespace handshake

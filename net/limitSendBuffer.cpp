@@ -11,6 +11,5 @@ constexpr int sendBufferBytes = 16 * 1024; // the kernel doubles it for its own 
 void limitSendBuffer(int socketDescriptor)
 {
     // A kernel that refuses keeps its default, and the connection works all the same.
-    static_cast<void>(
-        ::setsockopt(socketDescriptor, SOL_SOCKET, SO_SNDBUF, &sendBufferBytes, sizeof sendBufferBytes));
+    static_cast<void>(::setsockopt(socketDescriptor, SOL_SOCKET, SO_SNDBUF, &sendBufferBytes, sizeof sendBufferBytes));
 }

@@ -37,8 +37,7 @@ Look takeByte(int socketDescriptor, char &byte)
 
 } // namespace
 
-int read_line_from_socket(int socketDescriptor, char *buffer, unsigned int bufferSize,
-                          unsigned int timeoutSeconds)
+int read_line_from_socket(int socketDescriptor, char *buffer, unsigned int bufferSize, unsigned int timeoutSeconds)
 {
     std::memset(buffer, 0, bufferSize);
     const std::time_t start = std::time(nullptr);

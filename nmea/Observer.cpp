@@ -16,22 +16,26 @@ Observer::~Observer() = default;
 void Observer::update(const std::string &message)
 {
     const KAV::Hold hold(*queueLock);
-    if (queue.size() <= fullQueue) {
-        queue.push_back(message);
-        return;
+    if (waiting > fullQueue) {
+        queue.push_back(std::move(queue.front()));
+        queue.pop_front();
+        --waiting;
+    } else if (waiting == queue.size()) {
+        queue.emplace_back();
     }
-    // The dropped message's memory serves the new one: a consumer that lags costs no allocation per line.
-    std::string reused = std::move(queue.front());
-    queue.pop_front();
-    reused = message;
-    queue.push_back(std::move(reused));
+    queue[waiting++] = message;
 }
 
 std::string Observer::getData()
 {
     std::string all;
     const KAV::Hold hold(*queueLock);
-    for (; !queue.empty(); queue.pop_front())
-        all += queue.front();
+    std::size_t size = 0;
+    for (std::size_t at = 0; at < waiting; ++at)
+        size += queue[at].size();
+    all.reserve(size);
+    for (std::size_t at = 0; at < waiting; ++at)
+        all += queue[at];
+    waiting = 0;
     return all;
 }

@@ -9,9 +9,9 @@
 
 /// The base of every consumer: a thread with a bounded mailbox.
 ///
-/// A concrete observer installs `queueLock` in its constructor, attaches itself to the subject when it is
-/// ready to send, takes its mailbox with `getData`, and detaches itself in its destructor. Deleted by: the
-/// library, on the observer's own thread, once `execute` has returned (KAV::Thread, flag false).
+/// A concrete observer installs `queueLock` in its constructor, attaches itself to the subject when it is ready
+/// to send, takes its mailbox with `getData`, and detaches itself in its destructor. Deleted by: the library,
+/// on the observer's own thread, once `execute` has returned (KAV::Thread, flag false).
 class Observer : public KAV::Thread {
 public:
     /// `threadName` as for KAV::Thread.
@@ -33,6 +33,11 @@ public:
     void execute() override = 0;
 
 protected:
+    static constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
+
+    /// The messages, oldest first, then emptied places that keep their memory for later ones: what one thread
+    /// allocates and another frees piles up in the second one's cache, several KiB a client.
     std::deque<std::string> queue KAV_GUARDED_BY(*queueLock);
-    KAV::AutoPtr<KAV::Lock> queueLock; ///< set once, before the thread starts
+    std::size_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
+    KAV::AutoPtr<KAV::Lock> queueLock;                  ///< set once, before the thread starts
 };

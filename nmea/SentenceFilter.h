@@ -16,6 +16,8 @@ struct SentenceFilter {
     std::time_t lastSent; ///< seconds of time(); when the type last passed its gate, 0 at start
 };
 
+static_assert(sizeof(std::time_t) == 8, "seconds must not run out in 2038, on 32-bit machines either");
+
 /// One record a type, all off at start. Thread: main only.
 extern std::array<SentenceFilter, sentenceTypeCount> sentenceFilters;
 
@@ -25,7 +27,7 @@ extern std::array<SentenceFilter, sentenceTypeCount> sentenceFilters;
     return sentenceFilters[static_cast<std::size_t>(type)];
 }
 
-/// The gate of one sentence type: true, with `lastSent` set to `now`, when the type is switched on and at
-/// least `interval` seconds have passed since it was last true. An interval of 1 switches the rate limit off.
-/// `now` in seconds of time().
+/// The gate of one sentence type: true, with `lastSent` set to `now`, when the type is switched on and at least
+/// `interval` seconds have passed since it was last true. An interval of 1 switches the rate limit off. `now`
+/// in seconds of time().
 [[nodiscard]] bool isSentenceDue(SentenceFilter &filter, std::time_t now, int interval);

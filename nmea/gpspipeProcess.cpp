@@ -1,5 +1,7 @@
 #include "nmea/gpspipeProcess.h"
 
+#include "support/Thread.h"
+
 #include <array>
 #include <atomic>
 #include <csignal>
@@ -7,15 +9,18 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-/// Inode of the pipe, 0 before the first gpspipe. Kept after the stream is closed: pclose may still be
-/// waiting.
+/// Inode of the pipe, 0 before the first one. Outlives the stream: pclose may still be waiting.
 constinit std::atomic<std::uint32_t> pipeInode{0};
+
+/// Held while gpspipe is started, so that nobody looks for it in between.
+constinit std::mutex startLock;
 
 struct CloseFolder {
     void operator()(DIR *folder) const { ::closedir(folder); }
@@ -28,24 +33,46 @@ bool writesTo(const std::string &pipe, pid_t process)
     return ::readlink(link.c_str(), target.data(), target.size() - 1) > 0 && pipe == target.data();
 }
 
-} // namespace
-
-void setGpspipeStream(std::FILE *stream)
-{
-    struct stat status {};
-    if (::fstat(::fileno(stream), &status) == 0)
-        pipeInode.store(static_cast<std::uint32_t>(status.st_ino)); // pipefs counts its inodes in 32 bits
-}
-
-void signalGpspipe(int signal)
+/// Returns how many processes were sent `signal`.
+int signalWriters(int signal)
 {
     const std::unique_ptr<DIR, CloseFolder> processes(::opendir("/proc"));
-    if (!processes)
-        return;
     const std::string pipe = "pipe:[" + std::to_string(pipeInode.load()) + "]";
-    while (const dirent *const entry = ::readdir(processes.get())) {
+    int found = 0;
+    while (const dirent *const entry = processes ? ::readdir(processes.get()) : nullptr) {
         const pid_t process = std::atoi(entry->d_name); // 0 for what is not a process
-        if (process > 0 && process != ::getpid() && writesTo(pipe, process))
-            ::kill(process, signal);
+        if (process > 0 && process != ::getpid() && writesTo(pipe, process) && ::kill(process, signal) == 0)
+            ++found;
     }
+    return found;
+}
+
+} // namespace
+
+std::FILE *startGpspipe(const char *command)
+{
+    const std::lock_guard starting(startLock);
+    std::FILE *const stream = ::popen(command, "r");
+    struct stat status {};
+    if (stream != nullptr && ::fstat(::fileno(stream), &status) == 0)
+        pipeInode.store(static_cast<std::uint32_t>(status.st_ino)); // pipefs counts its inodes in 32 bits
+    return stream;
+}
+
+void endGpspipe()
+{
+    constexpr int politeRounds = 10;
+    constexpr int rounds = 2 * politeRounds; // bounded: in the kernel's hands a process outlives even SIGKILL
+    for (int round = 0; round < rounds; ++round) {
+        if (signalWriters(round < politeRounds ? SIGTERM : SIGKILL) == 0)
+            return;
+        KAV::Thread::sleep(20);
+    }
+}
+
+void exitWithoutGpspipe(int status)
+{
+    startLock.lock(); // for good: the main thread may be about to start another
+    endGpspipe();
+    ::_exit(status);
 }

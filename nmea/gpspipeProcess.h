@@ -2,12 +2,18 @@
 
 #include <cstdio>
 
-/// Remembers the pipe that the current gpspipe writes to. Thread: main.
-void setGpspipeStream(std::FILE *stream);
+/// Starts `command`, which runs gpspipe, and remembers the pipe that it writes to (popen(3), mode "r"). Null,
+/// with `errno` set, when it cannot be started. The caller ends it with pclose(3). Thread: main.
+[[nodiscard]] std::FILE *startGpspipe(const char *command);
 
-/// Sends `signal` to every process whose standard output is that pipe: gpspipe and the shell that popen(3)
-/// puts in front of it. popen keeps the process numbers to itself, and pclose(3) waits for a gpspipe that,
-/// with a silent receiver, never notices that nobody reads any more.
+/// Ends every process whose standard output is that pipe, gpspipe and the shell that popen puts in front of it:
+/// by SIGTERM, and by SIGKILL what is left after a fifth of a second. At once when there is none.
 ///
+/// Needed because popen keeps the process numbers to itself, and pclose waits for a gpspipe that, with a silent
+/// receiver, never notices that nobody reads any more.
 /// Any thread. Found through /proc (proc_pid_fd(5)); processes of other users are left alone.
-void signalGpspipe(int signal);
+void endGpspipe();
+
+/// Ends gpspipe, lets no other start, and ends the process at once with `status`, without the clean-up that
+/// would destroy what other threads still use (_exit(2)). Any thread.
+[[noreturn]] void exitWithoutGpspipe(int status);

@@ -4,7 +4,6 @@
 #include "support/Logger.h"
 
 #include <array>
-#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -18,20 +17,19 @@ int kavGPSGetNMEAStrings(int timestamp, LineCallback callback, int interval, con
 {
     std::array<char, 128> command{};
     std::snprintf(command.data(), command.size(), "gpspipe %s-r", timestamp != 0 ? "-t " : "");
-    std::FILE *const stream = ::popen(command.data(), "r");
+    std::FILE *const stream = startGpspipe(command.data());
     if (stream == nullptr) {
         KAV_LOG(ERROR, "kavGPSGetNMEAStrings(): failed to popen stream for reading output of command '%s'\n",
                 command.data());
         return noLine;
     }
-    setGpspipeStream(stream);
 
     std::array<char, 512> line;
     while (std::feof(stream) == 0) {
         if (std::fgets(line.data(), static_cast<int>(line.size()), stream) == nullptr) {
+            // Interrupted: pclose would wait for a gpspipe that may never write again.
             if (std::feof(stream) == 0)
-                signalGpspipe(
-                    SIGTERM); // interrupted: pclose would wait for a gpspipe that may never write again
+                endGpspipe();
             ::pclose(stream);
             return noLine;
         }

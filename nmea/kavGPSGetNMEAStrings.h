@@ -2,15 +2,14 @@
 
 #include <string>
 
-/// What the reader calls with every line: the line, ending in NUL and valid only during the call, then the
-/// two arguments that the reader was given. The result is not used.
+/// What the reader calls with every line: the line, ending in NUL and valid only during the call, then the two
+/// arguments that the reader was given. The result is not used.
 using LineCallback = int (*)(const char *line, int interval, const std::string *decoration);
 
 /// One run of the reader: starts gpspipe and hands every line of its output to `callback`, until the output
 /// ends or a caught signal interrupts a read. A line longer than 511 bytes arrives in pieces.
 ///
-/// `timestamp` not 0: gpspipe puts its time stamp in front of every line (-t). `interval` and `decoration`
-/// are passed on untouched. Returns 0 when the output ended in a line without line end, 32 when gpspipe could
-/// not be started (an ERROR line says so) or a read gave no line. Thread: main, which alone receives the
-/// signals.
+/// `timestamp` not 0: gpspipe puts its time stamp in front of every line (-t). `interval` and `decoration` are
+/// passed on untouched. Returns 0 when the output ended in a line without line end, 32 when gpspipe could not
+/// be started (an ERROR line says so) or a read gave no line. Thread: main, which alone receives the signals.
 int kavGPSGetNMEAStrings(int timestamp, LineCallback callback, int interval, const std::string *decoration);

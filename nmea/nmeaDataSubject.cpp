@@ -8,8 +8,8 @@
 
 namespace {
 
-/// Some 900 sentences; the longest regular group has nine.
-constexpr std::size_t longestGroup = 64UL * 1024;
+/// Some 200 sentences; the longest regular group has nine.
+constexpr std::size_t longestGroup = 16UL * 1024;
 
 } // namespace
 
@@ -50,8 +50,7 @@ void nmeaDataSubject::notify(const std::string &message)
 bool nmeaDataSubject::collectGSV(const std::string &sentence, std::string &group)
 {
     if (gsvBuffer.size() + sentence.size() > longestGroup) {
-        KAV_LOG(ERROR,
-                "nmeaDataSubject::collectGSV() : no GSV group was completed within %u bytes: dropped\n",
+        KAV_LOG(ERROR, "nmeaDataSubject::collectGSV() : no GSV group was completed within %u bytes: dropped\n",
                 static_cast<unsigned int>(longestGroup));
         gsvBuffer.clear();
     }

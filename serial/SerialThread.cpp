@@ -9,21 +9,13 @@
 #include "support/exitRequested.h"
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/serial.h>
 #include <sys/ioctl.h>
-#include <unistd.h>
 
-namespace {
-
-constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
-
-} // namespace
-
-SerialThread::SerialThread(const std::string &_devicePath, speed_t _speed, std::int16_t _charSize,
-                           std::int16_t _parity, std::int16_t _stopBits, tcflag_t _hwFlow, bool _rs485)
+SerialThread::SerialThread(const std::string &_devicePath, speed_t _speed, std::int16_t _charSize, std::int16_t _parity,
+                           std::int16_t _stopBits, tcflag_t _hwFlow, bool _rs485)
     : Observer("navtwine main serial-thread"),
       subject(nmeaDataSubject::getInstance()),
       devicePath(_devicePath),
@@ -63,8 +55,7 @@ int SerialThread::openOrEndProcess() const
     if (port >= 0)
         return port;
     KAV_LOG(ERROR, "failed to open %s: errno: %d", devicePath.c_str(), errno);
-    signalGpspipe(SIGTERM);
-    ::_exit(1);
+    exitWithoutGpspipe(1);
 }
 
 void SerialThread::configureLine(int port) const

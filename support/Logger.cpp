@@ -4,12 +4,16 @@
 #include "support/Descriptor.h"
 #include "support/ErrnoKeeper.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
 #include <paths.h>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
+#include <type_traits>
 #include <unistd.h>
 
 namespace KAV {
@@ -23,15 +27,19 @@ struct State {
     char identity[64] = {}; ///< openlog(3) keeps a pointer to it
 };
 constinit State state;
+constinit std::mutex stderrLock;
+static_assert(std::is_trivially_destructible_v<State> && std::is_trivially_destructible_v<std::mutex>);
 
 bool somebodyListensOn(const char *path, int socketType)
 {
-    const Descriptor probe(::socket(AF_UNIX, socketType | SOCK_CLOEXEC, 0));
+    const Descriptor probe(::socket(AF_UNIX, socketType | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
-    return probe.isOpen() &&
-           ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    if (!probe.isOpen())
+        return false;
+    // EAGAIN: somebody listens and is busy.
+    return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN;
 }
 
 [[gnu::format(printf, 1, 0)]] std::string format(const char *format, va_list values)
@@ -48,7 +56,7 @@ bool somebodyListensOn(const char *path, int socketType)
 bool isHarmless(char byte)
 {
     const auto code = static_cast<unsigned char>(byte);
-    return (code >= 0x20 && code != 0x7f) || byte == '\r' || byte == '\n' || byte == '\t';
+    return (code >= 0x20 && code < 0x7f) || code >= 0xa0 || byte == '\r' || byte == '\n' || byte == '\t';
 }
 
 /// What a peer sent may stand in a message and must not drive the terminal that shows it.
@@ -60,8 +68,7 @@ void appendPrintable(std::string &line, const std::string &text)
             continue;
         }
         char code[sizeof "\\xNN"];
-        std::snprintf(code, sizeof code, "\\x%02X",
-                      static_cast<unsigned int>(static_cast<unsigned char>(byte)));
+        std::snprintf(code, sizeof code, "\\x%02X", static_cast<unsigned int>(static_cast<unsigned char>(byte)));
         line += code;
     }
 }
@@ -71,6 +78,19 @@ int priorityOf(int level)
     if (level <= Logger::PrintLevel::ERROR_LEVEL)
         return LOG_ERR;
     return level <= Logger::PrintLevel::INFO_LEVEL ? LOG_INFO : LOG_DEBUG;
+}
+
+/// Whole lines, whatever the other threads write: a pipe keeps only short ones apart by itself (pipe(7)).
+void writeToStderr(std::string_view line)
+{
+    const std::lock_guard alone(stderrLock);
+    while (!line.empty()) {
+        const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+        if (written > 0)
+            line.remove_prefix(static_cast<std::size_t>(written));
+        else if (errno != EINTR)
+            return; // nobody takes it
+    }
 }
 
 void emit(int level, const char *label, std::string text)
@@ -85,8 +105,7 @@ void emit(int level, const char *label, std::string text)
         return;
     }
     line += '\n';
-    // One call, so that lines of different threads never mix. A line that nobody takes is lost.
-    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+    writeToStderr(line);
 }
 
 } // namespace

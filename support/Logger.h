@@ -21,8 +21,8 @@ public:
         PRINT_STDERR = 6,  ///< standard error, as the user asked
     };
 
-    /// Levels on the scale of the threshold (1 to 100; a level passes when it is not above the threshold),
-    /// and the labels that belong to them.
+    /// Levels on the scale of the threshold (1 to 100; a level passes when it is not above the threshold), and
+    /// the labels that belong to them.
     struct PrintLevel {
         static constexpr std::int32_t ERROR_LEVEL = 10;
         static constexpr std::int32_t INFO_LEVEL = 30;
@@ -37,8 +37,7 @@ public:
 
     /// Selects `mode`; for the system log with the three arguments of openlog(3), `identity` being copied.
     /// False, with nothing changed, when nobody listens on the system log's socket.
-    static bool setup(const PrintMode &mode, const std::string &identity, const int &option,
-                      const int &facility);
+    static bool setup(const PrintMode &mode, const std::string &identity, const int &option, const int &facility);
 
     /// Sets the threshold. The flag is reserved and has no effect.
     static void setPrintLevel(int level, bool reserved);
@@ -47,10 +46,9 @@ public:
     [[nodiscard]] static bool isPrintable(int level);
 
     /// Emits one message, whole, at this level's severity. Line ends at the end of the text are replaced by
-    /// exactly one; control bytes other than CR, LF and TAB appear as \xNN. The caller has asked
-    /// `isPrintable`.
-    [[gnu::format(printf, 3, 4)]] static void printfGeneric(int level, const char *label, const char *format,
-                                                            ...);
+    /// exactly one; control bytes other than CR, LF and TAB, the eight-bit ones included, appear as \xNN. The
+    /// caller has asked `isPrintable`.
+    [[gnu::format(printf, 3, 4)]] static void printfGeneric(int level, const char *label, const char *format, ...);
 
     /// Emits one message as an error, whatever the threshold.
     [[gnu::format(printf, 1, 2)]] static void printfError(const char *format, ...);
@@ -60,9 +58,9 @@ public:
 
 /// Logs at ERROR, INFO or DEBUG: KAV_LOG(ERROR, "format", values...). The values, `errno` included, are
 /// computed only when the level passes, and after the test for it.
-#define KAV_LOG(LEVEL, ...)                                                                                  \
-    do {                                                                                                     \
-        if (KAV::Logger::isPrintable(KAV::Logger::PrintLevel::LEVEL##_LEVEL))                                \
-            KAV::Logger::printfGeneric(KAV::Logger::PrintLevel::LEVEL##_LEVEL,                               \
-                                       KAV::Logger::PrintLevel::LEVEL##_LABEL, __VA_ARGS__);                 \
+#define KAV_LOG(LEVEL, ...)                                                                                            \
+    do {                                                                                                               \
+        if (KAV::Logger::isPrintable(KAV::Logger::PrintLevel::LEVEL##_LEVEL))                                          \
+            KAV::Logger::printfGeneric(KAV::Logger::PrintLevel::LEVEL##_LEVEL, KAV::Logger::PrintLevel::LEVEL##_LABEL, \
+                                       __VA_ARGS__);                                                                   \
     } while (false)

@@ -9,12 +9,11 @@ namespace KAV {
 
 /// The base of every worker: one operating-system thread per object, which runs the virtual body `execute`.
 ///
-/// A worker's constructor calls `start` as its last step, so that the body never sees a half-built object;
-/// its destructor calls `stop` when `isAlive`, before anything that the body uses goes away.
+/// A worker's constructor calls `start` as its last step, so that the body never sees a half-built object; its
+/// destructor calls `stop` when `isAlive`, before anything that the body uses goes away.
 ///
 /// SIGINT, SIGHUP, SIGPIPE and SIGALRM are blocked on the new thread: they belong to the main thread.
-/// Cancellation (`stop`) takes effect at the cancellation points of pthreads(7); bodies block in nothing
-/// else.
+/// Cancellation (`stop`) takes effect at the cancellation points of pthreads(7); bodies block in nothing else.
 class Thread {
 public:
     Thread(const Thread &) = delete;
@@ -25,13 +24,13 @@ public:
 
     /// Creates the thread. Not to be called twice.
     ///
-    /// Errors: a thread that cannot be created is an ERROR line and a std::system_error, like std::thread's:
-    /// `start` is called from constructors, which have no result, and an object whose body will never run
-    /// must not come into being. Nothing is left behind then.
+    /// Errors: std::system_error when the thread cannot be created, like std::thread: `start` is called from
+    /// constructors, which have no result, and an object whose body will never run must not come into being.
+    /// KAV::startWorker turns that into an ERROR line.
     virtual void start();
 
-    /// Ends the thread, whatever its body is blocked in, and returns once the body no longer runs. At once
-    /// when it does not. Called from the destructors of derived classes: from here on the caller destroys the
+    /// Ends the thread, whatever its body is blocked in, and returns once the body no longer runs. At once when
+    /// it does not. Called from the destructors of derived classes: from here on the caller destroys the
     /// object.
     virtual void stop();
 
@@ -66,7 +65,7 @@ private:
     pthread_t handle{};
     bool joinable = false; ///< an operating-system thread waits for its pthread_join
 
-    mutable std::mutex state; ///< guards the two below; never held while a body or another lock's code runs
+    mutable std::mutex state; ///< guards the members below; nothing is called out to while it is held
     std::condition_variable ended;
     bool running = false;
     bool stopping = false; ///< a caller of `stop` destroys the object, so the library must not

@@ -120,8 +120,7 @@ Fix fixAt(std::time_t seconds, long epoch)
 {
     constexpr double degreesASecond = 6.0 / 3600 / 60; // 6 knots: six minutes of latitude an hour
     const double way = degreesASecond * static_cast<double>(epoch);
-    Fix fix{
-        {}, 53.54 + way * 0.5, 9.97 - way * 1.4, 300.0 + 5 * std::sin(static_cast<double>(epoch) / 20), 6.0};
+    Fix fix{{}, 53.54 + way * 0.5, 9.97 - way * 1.4, 300.0 + 5 * std::sin(static_cast<double>(epoch) / 20), 6.0};
     ::gmtime_r(&seconds, &fix.utc);
     return fix;
 }
@@ -133,9 +132,8 @@ void printBanner(Printer &out)
     out.line(R"({"class":"DEVICES","devices":[{"class":"DEVICE","path":"/dev/ttyAMA0","driver":"u-blox",)"
              R"("native":1,"bps":9600,"parity":"N","stopbits":1,"cycle":1.00}]})"
              "\r\n");
-    out.line(
-        R"({"class":"WATCH","enable":true,"json":false,"nmea":true,"raw":0,"scaled":false,"timing":false})"
-        "\r\n");
+    out.line(R"({"class":"WATCH","enable":true,"json":false,"nmea":true,"raw":0,"scaled":false,"timing":false})"
+             "\r\n");
 }
 
 void printEpoch(Printer &out, const Fix &fix)
@@ -144,13 +142,12 @@ void printEpoch(Printer &out, const Fix &fix)
     char date[16];
     std::strftime(time, sizeof time, "%H%M%S.00", &fix.utc);
     std::snprintf(date, sizeof date, "%02u%02u%02u", static_cast<unsigned>(fix.utc.tm_mday) % 100U,
-                  static_cast<unsigned>(fix.utc.tm_mon + 1) % 100U,
-                  static_cast<unsigned>(fix.utc.tm_year) % 100U);
+                  static_cast<unsigned>(fix.utc.tm_mon + 1) % 100U, static_cast<unsigned>(fix.utc.tm_year) % 100U);
     const std::string latitude = nmeaAngle(fix.latitude, 2);
     const std::string longitude = nmeaAngle(fix.longitude, 3);
 
-    out.sentence("GNRMC,%s,A,%s,N,%s,E,%.2f,%.1f,%s,,,A", time, latitude.c_str(), longitude.c_str(),
-                 fix.speed, fix.course, date);
+    out.sentence("GNRMC,%s,A,%s,N,%s,E,%.2f,%.1f,%s,,,A", time, latitude.c_str(), longitude.c_str(), fix.speed,
+                 fix.course, date);
     out.sentence("GNVTG,%.1f,T,,M,%.2f,N,%.2f,K,A", fix.course, fix.speed, fix.speed * 1.852);
     out.sentence("GNGGA,%s,%s,N,%s,E,1,11,0.9,4.2,M,45.1,M,,", time, latitude.c_str(), longitude.c_str());
     out.sentence("GNGSA,A,3,02,05,07,13,15,20,24,28,29,30,,,1.7,0.9,1.4");
@@ -158,8 +155,7 @@ void printEpoch(Printer &out, const Fix &fix)
     out.sentence("GPGSV,3,2,11,15,30,174,40,20,17,268,35,24,08,031,29,28,44,081,42");
     out.sentence("GPGSV,3,3,11,29,12,330,31,30,67,256,45,21,04,145,");
     out.sentence("GPGLL,%s,N,%s,E,%s,A,A", latitude.c_str(), longitude.c_str(), time);
-    out.sentence("GPZDA,%s,%02d,%02d,%04d,00,00", time, fix.utc.tm_mday, fix.utc.tm_mon + 1,
-                 fix.utc.tm_year + 1900);
+    out.sentence("GPZDA,%s,%02d,%02d,%04d,00,00", time, fix.utc.tm_mday, fix.utc.tm_mon + 1, fix.utc.tm_year + 1900);
     out.sentence("GPGBS,%s,1.2,1.0,2.4,,,,", time);
 }
 

@@ -1,0 +1,99 @@
+#include "app/commandLine.h"
+#include "nmea/SentenceFilter.h"
+#include "serial/lineSettings.h"
+
+#include "harness.h"
+
+#include <tuple>
+
+static RunSettings parsed(std::vector<std::string> words)
+{
+    std::vector<char *> pointers{words[0].data()};
+    for (std::string &word : words)
+        pointers.push_back(word.data());
+    return parseCommandLine(static_cast<int>(pointers.size()), pointers.data());
+}
+
+TEST(parseCommandLine, takesEveryOption)
+{
+    const RunSettings s = parsed({"--loglevel",
+                                  "0x32",
+                                  "-e",
+                                  "--server",
+                                  "--server-port",
+                                  "70000",
+                                  "--client",
+                                  "--client-protocol",
+                                  "Udp",
+                                  "--client-remote-host",
+                                  "10.0.0.1/24",
+                                  "--client-port",
+                                  "010",
+                                  "--serial",
+                                  "/dev/x",
+                                  "--baud",
+                                  "57600",
+                                  "--datalength",
+                                  "7",
+                                  "--parity",
+                                  "odd",
+                                  "--stopbits",
+                                  "2",
+                                  "--rs485",
+                                  "--id",
+                                  "--gga",
+                                  "--id-prefix",
+                                  "P",
+                                  "--interval",
+                                  "4294967295",
+                                  "--timestamp",
+                                  "--daemonize",
+                                  "--verbose",
+                                  "--hwflow"});
+    EXPECT_TRUE(s.logToStderr && s.serverEnabled && s.clientEnabled && s.serialRs485 && s.timestamp && s.daemonize);
+    EXPECT_EQ(std::tuple(s.logLevel, s.serverPort, s.clientPort, s.interval), std::tuple(50, 4464, 8, -1));
+    EXPECT_EQ(s.clientProtocol, 'u');
+    EXPECT_EQ(s.clientRemoteHost + s.serialPort + s.stationIdPrefix, "10.0.0.1/24/dev/xP");
+    EXPECT_EQ(s.stationId, "--gga") << "a value is a value, whatever it looks like";
+    EXPECT_FALSE(filterOf(SentenceType::GGA).enabled);
+
+    termios line{};
+    line.c_cflag = CLOCAL | CS8;
+    line.c_lflag = ICANON | ECHO;
+    applyLineSettings(line, {s.serialSpeed, s.serialCharSize, s.serialParity, s.serialStopBits, s.serialHwFlow});
+    EXPECT_EQ(line.c_cflag & ~static_cast<tcflag_t>(CBAUD | CIBAUD), CLOCAL | CS7 | PARENB | PARODD | CSTOPB | CRTSCTS);
+    EXPECT_EQ(cfgetospeed(&line), B57600);
+    EXPECT_EQ(line.c_lflag, 0U);
+}
+
+TEST(parseCommandLine, keepsDefaultsForWhatIsMissing)
+{
+    for (const char *const last : {"--baud", "--loglevel", "--serial", "--id", "--server-passwd", "--servers"}) {
+        const RunSettings s = parsed({"--server", "--no-server", "--parity", "ODD", "--stopbits", "65537", last});
+        EXPECT_EQ(std::tuple(s.serialSpeed, s.serialCharSize, s.serialParity, s.serialStopBits),
+                  std::tuple(B115200, CS8, 0, 0));
+        EXPECT_EQ(std::tuple(s.logLevel, s.interval, s.serverPort, s.serverEnabled), std::tuple(30, 10, 5445, false));
+        EXPECT_EQ(s.serialPort + s.stationId + s.serverPassword, "");
+    }
+}
+
+TEST(parseCommandLine, switchesSentenceTypes)
+{
+    const char *const names[] = {"gga", "rmc", "gsa", "zda", "gbs", "gll", "gsv", "vtg"};
+    for (std::size_t row = 0; row < sentenceTypeCount; ++row) {
+        parsed({std::string("--") + names[row]});
+        for (std::size_t other = 0; other < sentenceTypeCount; ++other)
+            EXPECT_EQ(sentenceFilters[other].enabled, other == row) << names[row];
+        parsed({std::string("--no-") + names[row]});
+    }
+}
+
+TEST(parseCommandLine, endsOnBadValues)
+{
+    for (const auto &[option, value, message] :
+         {std::tuple{"--baud", "09600", "Invalid baud value 09600.ABORTING EXECUTION"},
+          {"--stopbits", "two", "Invalid stop value two.ABORTING EXECUTION"},
+          {"--datalength", "9", "Invalid datalength value 9.ABORTING EXECUTION"},
+          {"--client-protocol", "sctp", "Unknown protocol SCTP.ABORTING EXECUTION"}})
+        EXPECT_EXIT(parsed({option, value}), testing::ExitedWithCode(1), message);
+}

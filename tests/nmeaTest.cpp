@@ -1,0 +1,147 @@
+#include "nmea/Observer.h"
+#include "nmea/handleNMEAString.h"
+#include "nmea/kavGPSGetNMEAStrings.h"
+#include "nmea/nmeaDataSubject.h"
+#include "nmea/sentenceType.h"
+
+#include "harness.h"
+
+#include <tuple>
+
+/// An observer whose body does nothing: only its mailbox is looked at.
+class Mailbox : public Observer {
+public:
+    Mailbox() : Observer("navtwine mailbox") { queueLock = new KAV::Lock; }
+    ~Mailbox() override { nmeaDataSubject::getInstance()->detach(this); }
+    void execute() override {}
+};
+
+TEST(Observer, keepsTheNewestElevenInOrder)
+{
+    Mailbox mailbox;
+    for (int message = 10; message < 30; ++message)
+        mailbox.update(std::to_string(message) + " ");
+    EXPECT_EQ(mailbox.getData(), "19 20 21 22 23 24 25 26 27 28 29 ");
+    EXPECT_EQ(mailbox.getData(), "");
+}
+
+TEST(nmeaDataSubject, deliversToEveryRegistration)
+{
+    nmeaDataSubject *const subject = nmeaDataSubject::getInstance();
+    Mailbox once;
+    Mailbox twice;
+    Mailbox never;
+    for (Mailbox *const mailbox : {&once, &twice, &twice})
+        subject->attach(mailbox);
+    subject->detach(&never);
+    subject->notify("a");
+    subject->detach(&twice);
+    subject->notify("b");
+    EXPECT_EQ(once.getData() + twice.getData(), "abaa");
+}
+
+TEST(nmeaDataSubject, gathersGsvGroups)
+{
+    nmeaDataSubject *const subject = nmeaDataSubject::getInstance();
+    std::string group = "left over";
+    const std::pair<const char *, const char *> steps[] = {
+        {"$GPGSV,3,1,a", ""},
+        {"$GPGSV,3,2,b", ""},
+        {"$GPGSV,3,3,c", "$GPGSV,3,1,a$GPGSV,3,2,b$GPGSV,3,3,c"},
+        {"id$GPGSV,1,1,d", "id$GPGSV,1,1,d"},
+        {"$GPGSV,1,1", ""},
+        {"$GPGSV,2,02,e", ""},
+        {"$GPGSV,2,2,f", "$GPGSV,1,1$GPGSV,2,02,e$GPGSV,2,2,f"},
+    };
+    for (const auto &[sentence, expected] : steps) {
+        EXPECT_EQ(subject->collectGSV(sentence, group), *expected != '\0') << sentence;
+        EXPECT_EQ(group, expected);
+    }
+    for (int endless = 0; endless < 100'000; ++endless)
+        EXPECT_FALSE(subject->collectGSV("$GPGSV,9,1,x", group));
+    EXPECT_TRUE(subject->collectGSV("$GPGSV,9,9,x", group));
+    EXPECT_LE(group.size(), 16U * 1024) << "a group that never ends must not eat the memory";
+}
+
+TEST(isSentenceDue, countsWholeSeconds)
+{
+    using Case = std::tuple<const char *, bool, std::time_t, std::time_t, int, bool>;
+    for (const auto &[name, enabled, last, now, interval, due] :
+         {Case{"off", false, 0, 500, 10, false}, Case{"first", true, 0, 1'700'000'000, 10, true},
+          Case{"one too early", true, 500, 509, 10, false}, Case{"just due", true, 500, 510, 10, true},
+          Case{"no limit", true, 500, 500, 1, true}, Case{"no limit, clock back", true, 500, 9, 1, true},
+          Case{"clock back", true, 500, 9, 10, false}, Case{"zero", true, 500, 500, 0, true},
+          Case{"zero, clock back", true, 500, 499, 0, false}, Case{"negative", true, 500, 499, -1, true}}) {
+        SentenceFilter filter{enabled, last};
+        EXPECT_EQ(isSentenceDue(filter, now, interval), due) << name;
+        EXPECT_EQ(filter.lastSent, due ? now : last) << name;
+    }
+}
+
+TEST(findSentenceType, takesTheFirstRowOfTheTable)
+{
+    using enum SentenceType;
+    const std::pair<const char *, std::optional<SentenceType>> cases[] = {
+        {"$GPGGA,1", GGA},
+        {"$GNRMC,1", RMC},
+        {"$GPGSA", GSA},
+        {"$GNZDA", ZDA},
+        {"GPGBS", GBS},
+        {"x GNGLL", GLL},
+        {"$GPGSV", GSV},
+        {"$GNVTG", VTG},
+        {"$GPRMC,then $GPGGA", GGA},
+        {"GPVTG GNGSV", GSV},
+        {"GGPGPGGA", GGA},
+        {"$GLGSV,1", {}},
+        {"$GPGG", {}},
+        {"gpgga", {}},
+        {"$GPTXT,GNSS", {}},
+        {"", {}},
+        {"\xff\x01G", {}},
+    };
+    for (const auto &[line, type] : cases)
+        EXPECT_EQ(findSentenceType(line), type) << line;
+}
+
+TEST(handleNMEAString, decoratesGathersAndGates)
+{
+    Mailbox mailbox;
+    nmeaDataSubject::getInstance()->attach(&mailbox);
+    filterOf(SentenceType::GGA) = {true, 0};
+    const std::string id = "X-7";
+    const auto passed = [&](std::initializer_list<const char *> lines, int interval) {
+        for (const char *const line : lines)
+            EXPECT_EQ(handleNMEAString(line, interval, &id), 0);
+        return mailbox.getData();
+    };
+    EXPECT_EQ(passed({"$GPGGA,1\r\n", "$GNGGA,2\r\n", "$GPRMC,3\r\n", "x"}, 1), "X-7$GPGGA,1\r\nX-7$GNGGA,2\r\n");
+    EXPECT_EQ(passed({"$GPGGA,4\r\n"}, 1000), "") << "the talkers share one gate";
+    EXPECT_EQ(passed({"$GPGSV,2,1,a\n", "$GPGSV,2,2,b\n", "$GPGSV,2,1,c\n"}, 1), "") << "switched off";
+    filterOf(SentenceType::GSV) = {true, 0};
+    EXPECT_EQ(passed({"$GPGSV,2,2,d\n"}, 1), "X-7$GPGSV,2,1,c\nX-7$GPGSV,2,2,d\n");
+    EXPECT_EQ(passed({"$GPGSV,1,1,e\n"}, 1000), "") << "a group that is not due is dropped whole";
+    EXPECT_EQ(passed({"$GPGSV,1,1,f\n"}, 1), "X-7$GPGSV,1,1,f\n");
+    sentenceFilters = {};
+}
+
+TEST(kavGPSGetNMEAStrings, readsWhatGpspipePrints)
+{
+    static std::vector<std::string> lines;
+    const std::string piece(511, 'x');
+    const std::tuple<const char *, int, int, std::vector<std::string>> cases[] = {
+        {"echo \"$*\"; printf 'b\\r\\n'", 0, 32, {"-r\n", "b\r\n"}},
+        {"echo \"$*\"; printf 'no line end'", 1, 0, {"-t -r\n", "no line end"}},
+        {"head -c 1100 /dev/zero | tr '\\0' x; echo", 0, 32, {piece, piece, std::string(78, 'x') + "\n"}},
+        {"printf 'a\\0b\\nc\\n'", 0, 32, {"a", "c\n"}},
+        {"exit 3", 0, 32, {}},
+    };
+    for (const auto &[script, timestamp, result, expected] : cases) {
+        const FakeGpspipe gpspipe(script);
+        ::setenv("PATH", gpspipe.searchPath().c_str(), 1);
+        lines.clear();
+        const auto note = [](const char *line, int, const std::string *) { return lines.emplace_back(line), 1; };
+        EXPECT_EQ(kavGPSGetNMEAStrings(timestamp, note, 1, nullptr), result) << script;
+        EXPECT_EQ(lines, expected) << script;
+    }
+}
