@@ -449,12 +449,14 @@ class Soak:
         workers = {"the counted client": self.good, "the collector": self.collector,
                    "the serial line": self.serial_line}
         print(f"""
-crowd            {sum(self.crowd.ended.values())} clients, {self.crowd.most} at once, {self.crowd.lines} lines checked:
+crowd            {sum(self.crowd.ended.values())} clients, {self.crowd.most} at once, \
+{self.crowd.lines} lines checked:
                  {dict(self.crowd.ended)}
-misfortunes      gpspipe killed {self.misfortune.count('gpspipe killed')} times, {self.misfortune.count('SIGHUP')} SIGHUPs, \
-{self.serial_line.stalls} stalls of the serial line
+misfortunes      gpspipe killed {self.misfortune.count('gpspipe killed')} times, \
+{self.misfortune.count('SIGHUP')} SIGHUPs, {self.serial_line.stalls} stalls of the serial line
 counted client   {self.counted} messages; not received: {dict(self.missing) or 'nothing'}
-collector        {self.collector.stream.lines} messages in {self.collector.sessions} sessions, {self.collector.refused} logins refused
+collector        {self.collector.stream.lines} messages in {self.collector.sessions} sessions, \
+{self.collector.refused} logins refused
 serial line      {self.serial_line.stream.lines} messages
 after the warm-up {before}
 at the end        {after}
