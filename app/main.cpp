@@ -1,4 +1,5 @@
 #include "app/Consumers.h"
+#include "app/StopThread.h"
 #include "app/commandLine.h"
 #include "app/logging.h"
 #include "app/prepareProcess.h"
@@ -6,7 +7,10 @@
 #include "app/runReader.h"
 #include "app/signals.h"
 #include "support/Logger.h"
+#include "support/startWorker.h"
 #include "support/wipe_string.h"
+
+#include <memory>
 
 int main(int argc, char *argv[])
 {
@@ -22,6 +26,7 @@ int main(int argc, char *argv[])
 
     KAV_LOG(INFO, "Starting executable: %s\n", argv[0]);
     Consumers consumers = startConsumers(settings);
+    const std::unique_ptr<StopThread> stopper(consumers.any ? KAV::startWorker<StopThread>() : nullptr);
     if (consumers.any)
         runReaderUntilExit(settings);
     endConsumers(consumers);

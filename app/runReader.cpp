@@ -1,12 +1,9 @@
 #include "app/runReader.h"
 
-#include "app/ReaderStopThread.h"
 #include "nmea/handleNMEAString.h"
 #include "nmea/kavGPSGetNMEAStrings.h"
 #include "support/exitRequested.h"
-#include "support/startWorker.h"
 
-#include <memory>
 #include <unistd.h>
 
 namespace {
@@ -21,7 +18,6 @@ void runReader(const RunSettings &settings)
 
 void runReaderUntilExit(const RunSettings &settings)
 {
-    const std::unique_ptr<ReaderStopThread> stopper(KAV::startWorker<ReaderStopThread>());
     while (exitRequested == 0) {
         runReader(settings);
         ::sleep(1);

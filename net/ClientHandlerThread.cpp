@@ -44,8 +44,7 @@ void ClientHandlerThread::execute()
         }
     }
     subject->attach(this);
-    if (exitRequested == 0)
-        stream();
+    stream();
 }
 
 bool ClientHandlerThread::login()
@@ -76,13 +75,13 @@ bool ClientHandlerThread::login()
 
 void ClientHandlerThread::stream()
 {
-    do {
+    while (exitRequested == 0) {
         const std::string data = getData();
         if (data.empty())
             KAV::Thread::sleep(idlePause);
         else if (!sendToClient(data))
             return;
-    } while (exitRequested == 0);
+    }
 }
 
 /// False when the client cannot be reached any more; what could not be sent is dropped either way.

@@ -18,6 +18,7 @@ using KAV::Descriptor;
 
 namespace {
 
+constexpr char tcp = 't';
 constexpr char udp = 'u';
 
 /// The first IPv4 address of `host`. False when there is none, with a line in the log.
@@ -80,13 +81,13 @@ void ClientThread::execute()
 void ClientThread::runSession()
 {
     const Descriptor connection(connect_to_host());
+    socketDescriptor = connection.get();
     if (!connection.isOpen()) {
         KAV_LOG(ERROR, "connect_to_host() failed. (see error message above for reason) : retrying login in %u ms...\n",
                 retryDelay);
         return;
     }
-    socketDescriptor = connection.get();
-    if (protocol != udp && !password.empty() && !authentificate()) {
+    if (protocol == tcp && !password.empty() && !authentificate()) {
         KAV_LOG(ERROR,
                 "ClientThread::login to server failed. (see error message above for reason) : "
                 "retrying login in %u ms...\n",

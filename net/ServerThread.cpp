@@ -7,6 +7,7 @@
 #include "support/exitRequested.h"
 #include "support/startWorker.h"
 
+#include <cerrno>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -15,6 +16,10 @@ using KAV::Descriptor;
 namespace {
 
 constexpr int backlog = 5;
+constexpr unsigned int pauseAfterFailure = 1000; ///< milliseconds
+
+/// True when `accept` may fail in the same way at once again: without a pause that would cost a processor.
+bool mayLast(int error) { return error != EINTR && error != EAGAIN && error != ECONNABORTED; }
 
 bool bindToPort(int listener, std::uint16_t port)
 {
@@ -51,10 +56,8 @@ ServerThread::~ServerThread()
 void ServerThread::execute()
 {
     const Descriptor listener = listenOnPort();
-    if (!listener.isOpen() || exitRequested != 0)
-        return;
-    limitSendBuffer(listener.get());
-    serve(listener.get());
+    if (listener.isOpen() && exitRequested == 0)
+        serve(listener.get());
 }
 
 Descriptor ServerThread::listenOnPort() const
@@ -63,14 +66,18 @@ Descriptor ServerThread::listenOnPort() const
     Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener.isOpen()) {
         KAV_LOG(ERROR, "socket() failed returning invalid descriptor: %d\n", listener.get());
-    } else if (!reuseAddress(listener.get())) {
-        KAV_LOG(ERROR, "setsockopt() failed for socket descriptor: %d\n", listener.get());
-        listener.reset();
-    } else if (!bindToPort(listener.get(), port)) {
-        KAV_LOG(ERROR, "bind() failed for socket descriptor: %d\n", listener.get());
-        listener.reset();
-    } else if (::listen(listener.get(), backlog) != 0) {
-        KAV_LOG(ERROR, "listen() failed for socket descriptor: %d\n", listener.get());
+        return listener;
+    }
+    limitSendBuffer(listener.get()); // before it listens, so that the first connection inherits it, too
+    const char *failed = nullptr;
+    if (!reuseAddress(listener.get()))
+        failed = "setsockopt";
+    else if (!bindToPort(listener.get(), port))
+        failed = "bind";
+    else if (::listen(listener.get(), backlog) != 0)
+        failed = "listen";
+    if (failed != nullptr) {
+        KAV_LOG(ERROR, "%s() failed for socket descriptor: %d\n", failed, listener.get());
         listener.reset();
     }
     return listener;
@@ -85,6 +92,8 @@ void ServerThread::serve(int listener) const
         Descriptor connection(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
         if (connection.isOpen())
             handOver(std::move(connection));
+        else if (mayLast(errno))
+            KAV::Thread::sleep(pauseAfterFailure);
     } while (exitRequested == 0);
 }
 

@@ -27,9 +27,11 @@ bool isConnectionWaiting(int listener)
 {
     pollfd waiting{listener, POLLIN, 0};
     const int ready = ::poll(&waiting, 1, waitStep);
-    if (ready > 0 && (waiting.revents & POLLIN) == 0)
+    if (ready > 0 && (waiting.revents & POLLIN) != 0)
+        return true;
+    if (ready != 0)
         KAV::Thread::sleep(waitStep); // an error on the listener is reported at once, again and again
-    return ready > 0 && (waiting.revents & POLLIN) != 0;
+    return false;
 }
 
 /// Takes what `accept` would take, a socket and the lowest free number, and gives it back. 0, or an error code.

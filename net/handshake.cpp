@@ -19,8 +19,10 @@ bool Line::receive(int socketDescriptor)
 bool Line::is(const std::string &text) const
 {
     const WipedString received(bytes.data());
-    const WipedString stripped(KAV::Text::strip(received, {'\n', '\r'}));
-    return stripped == text;
+    std::string stripped = KAV::Text::strip(received, {'\n', '\r'});
+    const bool equal = stripped == text;
+    wipe_string(stripped);
+    return equal;
 }
 
 bool sendLine(int socketDescriptor, const std::string &line)

@@ -7,6 +7,9 @@ namespace {
 /// Looked at before the new message is appended, so a mailbox holds one more than this.
 constexpr std::size_t fullQueue = 10;
 
+/// An emptied place keeps no more than this: a GSV group that went wrong must not stay in memory elevenfold.
+constexpr std::size_t keptBytes = 1024;
+
 } // namespace
 
 Observer::Observer(const std::string &threadName) : KAV::Thread(threadName, false) {}
@@ -34,8 +37,11 @@ std::string Observer::getData()
     for (std::size_t at = 0; at < waiting; ++at)
         size += queue[at].size();
     all.reserve(size);
-    for (std::size_t at = 0; at < waiting; ++at)
+    for (std::size_t at = 0; at < waiting; ++at) {
         all += queue[at];
+        if (queue[at].capacity() > keptBytes)
+            queue[at] = std::string();
+    }
     waiting = 0;
     return all;
 }

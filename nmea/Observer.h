@@ -38,6 +38,6 @@ protected:
     /// The messages, oldest first, then emptied places that keep their memory for later ones: what one thread
     /// allocates and another frees piles up in the second one's cache, several KiB a client.
     std::deque<std::string> queue KAV_GUARDED_BY(*queueLock);
-    std::size_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
     KAV::AutoPtr<KAV::Lock> queueLock;                  ///< set once, before the thread starts
+    std::size_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
 };

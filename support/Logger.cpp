@@ -4,11 +4,14 @@
 #include "support/Descriptor.h"
 #include "support/ErrnoKeeper.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
 #include <paths.h>
+#include <poll.h>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -80,16 +83,21 @@ int priorityOf(int level)
     return level <= Logger::PrintLevel::INFO_LEVEL ? LOG_INFO : LOG_DEBUG;
 }
 
-/// Whole lines, whatever the other threads write: a pipe keeps only short ones apart by itself (pipe(7)).
+/// Whole lines, whatever the other threads write: a pipe keeps only short ones apart by itself (pipe(7)). A reader
+/// that takes nothing must hold nobody up: the line is lost then, and the next ones are not waited for.
 void writeToStderr(std::string_view line)
 {
+    constexpr int patience = 100; // milliseconds
+    static constinit bool stalled = false;
     const std::lock_guard alone(stderrLock);
     while (!line.empty()) {
-        const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
-        if (written > 0)
-            line.remove_prefix(static_cast<std::size_t>(written));
-        else if (errno != EINTR)
-            return; // nobody takes it
+        pollfd reader{STDERR_FILENO, POLLOUT, 0};
+        stalled = ::poll(&reader, 1, stalled ? 0 : patience) <= 0;
+        const ssize_t written =
+            stalled ? -1 : ::write(STDERR_FILENO, line.data(), std::min<std::size_t>(line.size(), PIPE_BUF));
+        if (written <= 0)
+            return;
+        line.remove_prefix(static_cast<std::size_t>(written));
     }
 }
 

@@ -10,6 +10,7 @@ void wipe_string(std::string &text);
 struct WipedString : std::string {
     using std::string::string;
     explicit WipedString(const std::string &text) : std::string(text) {}
+    WipedString(std::string &&) = delete; ///< the temporary would go unwiped
     WipedString(const WipedString &) = delete;
     WipedString &operator=(const WipedString &) = delete;
     ~WipedString() { wipe_string(*this); }

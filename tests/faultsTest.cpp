@@ -48,6 +48,8 @@ extern "C" time_t __wrap_time(time_t * /*result*/)
 {
     return std::chrono::steady_clock::now().time_since_epoch() / 50ms;
 }
+/// What `time` is called on 32-bit machines, where time_t has 64 bits too.
+extern "C" time_t __wrap___time64(time_t *result) { return __wrap_time(result); }
 
 namespace {
 

@@ -199,8 +199,7 @@ TEST(Consumers, allReceiveTheSameMessages)
     collector.send("PASSWORD\r\n");
     EXPECT_EQ(collector.readUntil("\n"), "secret\r\n");
     collector.send("OK\r\n");
-    EXPECT_TRUE(
-        eventually([&] { return program.says("INFO: RS485 mode\nERROR: RS485 configurating error. errno:25"); }));
+    EXPECT_TRUE(eventually([&] { return program.says("INFO: RS485 mode\nERROR: RS485 configurating error. errno:"); }));
     Peer client(program.port());
     EXPECT_TRUE(eventually([&] { return program.says("trying to connect") && program.says("has successful logged"); }));
     std::ofstream(program.gpspipe.folder / "go");
@@ -217,13 +216,21 @@ TEST(Consumers, allReceiveTheSameMessages)
     EXPECT_EQ(::tcgetattr(line.socket.get(), &settings), 0);
     EXPECT_EQ(cfgetospeed(&settings), B57600);
     EXPECT_EQ(settings.c_cflag & (CSTOPB | CRTSCTS), CSTOPB | CRTSCTS);
-    std::ifstream commandLine("/proc/" + std::to_string(program.pid) + "/cmdline");
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(commandLine), {}).find("secret"), std::string::npos);
     line.socket.reset();
     EXPECT_TRUE(eventually(
         [&] { return program.says("ERROR: serial write() of [NMEA STRING DATA] failed : error code = 5"); }));
     EXPECT_EQ(program.interrupt(), 0) << "neither the uplink's delay nor the serial line may hold up the end";
     EXPECT_FALSE(program.says("secret"));
+}
+
+TEST(Consumers, takePasswordsOffTheCommandLine)
+{
+    if (NAVTWINE_EMULATOR[0] != ' ')
+        GTEST_SKIP() << "/proc shows the emulator's command line, which keeps what it was started with";
+    const Program program(serverWith({"--server-passwd", "secret", "--client-passwd", "secret"}), "exec sleep 1000");
+    ASSERT_NE(program.port(), 0);
+    std::ifstream commandLine("/proc/" + std::to_string(program.pid) + "/cmdline");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(commandLine), {}).find("secret"), std::string::npos);
 }
 
 TEST(Consumers, getAlongWithoutEachOther)
