@@ -127,7 +127,7 @@ TEST(Consumers, allReceiveTheSameMessages)
     const Listener listener;
     Peer line(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     EXPECT_EQ(::unlockpt(line.socket.get()), 0);
-    const std::string uplink = "--client --client-remote-host localhost --client-passwd secret --client-port ";
+    const std::string uplink = "--client --client-remote-host 127.0.0.1 --client-passwd secret --client-port ";
     Program program(server + uplink + std::to_string(listener.number) + " --id 7 --server-passwd secret --serial " +
                         ::ptsname(line.socket.get()) + " --baud 57600 --stopbits 2 --hwflow --rs485",
                     R"(while [ ! -e go ]; do sleep 0.1; done; sleep 1; for i in 0 1 2 3 4 5 6 7 8 9; do
