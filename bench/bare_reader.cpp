@@ -17,7 +17,6 @@ int main()
     timespec used{};
     ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
     ::pclose(stream);
-    std::printf("%.6f %ld\n", static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9,
-                lines);
+    std::printf("%.6f %ld\n", static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9, lines);
     return 0;
 }

@@ -170,7 +170,7 @@ struct Program : FakeGpspipe {
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     /// SIGINT, then `wait` for the three seconds that users are promised and some for a busy machine.
-    int interrupt() { return ::kill(pid, SIGINT) == 0 ? wait(10s) : -1; }
+    int interrupt() { return pid > 0 && ::kill(pid, SIGINT) == 0 ? wait(10s) : -1; }
 
     const Port reserved;
     const std::uint16_t port = reserved.number;
