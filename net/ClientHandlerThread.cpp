@@ -4,7 +4,6 @@
 #include "nmea/nmeaDataSubject.h"
 #include "support/Descriptor.h"
 #include "support/Logger.h"
-#include "support/exitRequested.h"
 #include "support/wipe_string.h"
 
 #include <cerrno>
@@ -44,7 +43,7 @@ void ClientHandlerThread::execute()
         }
     }
     subject->attach(this);
-    stream();
+    deliverUntilExit([this](const std::string &batch) { return sendToClient(batch); });
 }
 
 bool ClientHandlerThread::login()
@@ -71,17 +70,6 @@ bool ClientHandlerThread::login()
         }
     }
     return false;
-}
-
-void ClientHandlerThread::stream()
-{
-    while (exitRequested == 0) {
-        const std::string data = getData();
-        if (data.empty())
-            KAV::Thread::sleep(idlePause);
-        else if (!sendToClient(data))
-            return;
-    }
 }
 
 /// False when the client cannot be reached any more; what could not be sent is dropped either way.

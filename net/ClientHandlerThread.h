@@ -25,7 +25,6 @@ public:
     [[nodiscard]] bool login();
 
 private:
-    void stream();
     [[nodiscard]] bool sendToClient(const std::string &data) const;
 
     nmeaDataSubject *subject; ///< not owned

@@ -96,7 +96,7 @@ void ClientThread::runSession()
     }
     KAV_LOG(INFO, "ClientThread::This client has successful logged into remote server.\n");
     registerOnce();
-    stream();
+    deliverUntilExit([this](const std::string &batch) { return sendToCollector(batch); });
 }
 
 void ClientThread::registerOnce()
@@ -104,17 +104,6 @@ void ClientThread::registerOnce()
     if (!registered)
         subject->attach(this);
     registered = true;
-}
-
-void ClientThread::stream()
-{
-    while (exitRequested == 0) {
-        const std::string data = getData();
-        if (data.empty())
-            KAV::Thread::sleep(idlePause);
-        else if (!sendToCollector(data))
-            return;
-    }
 }
 
 bool ClientThread::sendToCollector(const std::string &data) const

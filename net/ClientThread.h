@@ -23,7 +23,6 @@ public:
 private:
     void runSession();
     void registerOnce();
-    void stream();
     [[nodiscard]] bool sendToCollector(const std::string &data) const;
 
     /// A connected socket, which the caller closes, or a negative value; says why in the log.

@@ -1,5 +1,7 @@
 #include "nmea/Observer.h"
 
+#include "support/exitRequested.h"
+
 #include <utility>
 
 namespace {
@@ -44,4 +46,16 @@ std::string Observer::getData()
     }
     waiting = 0;
     return all;
+}
+
+void Observer::deliverUntilExit(const std::function<bool(const std::string &batch)> &deliver)
+{
+    constexpr unsigned int idlePause = 1000; // milliseconds
+    while (exitRequested == 0) {
+        const std::string batch = getData();
+        if (batch.empty())
+            KAV::Thread::sleep(idlePause);
+        else if (!deliver(batch))
+            return;
+    }
 }

@@ -5,6 +5,7 @@
 #include "support/Thread.h"
 
 #include <deque>
+#include <functional>
 #include <string>
 
 /// The base of every consumer: a thread with a bounded mailbox.
@@ -33,7 +34,11 @@ public:
     void execute() override = 0;
 
 protected:
-    static constexpr unsigned int idlePause = 1000; ///< milliseconds between two looks into an empty mailbox
+    /// The working life of a consumer: hands each batch of waiting messages to `deliver`, and looks again a second
+    /// later when there is none, until `exitRequested` is set or `deliver` answers false.
+    ///
+    /// Thread: the observer's own. Locks: none while `deliver` runs.
+    void deliverUntilExit(const std::function<bool(const std::string &batch)> &deliver);
 
     /// The messages, oldest first, then emptied places that keep their memory for later ones: what one thread
     /// allocates and another frees piles up in the second one's cache, several KiB a client.

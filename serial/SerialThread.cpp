@@ -6,13 +6,25 @@
 #include "serial/write_all.h"
 #include "support/Descriptor.h"
 #include "support/Logger.h"
-#include "support/exitRequested.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/serial.h>
 #include <sys/ioctl.h>
+
+namespace {
+
+void writeBatch(int port, const std::string &batch)
+{
+    KAV_LOG(DEBUG, "serial:%s", batch.c_str());
+    if (write_all(port, batch.data(), batch.size()) < 0) {
+        KAV_LOG(ERROR, "serial write() of [NMEA STRING DATA] failed : error code = %d : %s\n", errno,
+                std::strerror(errno));
+    }
+}
+
+} // namespace
 
 SerialThread::SerialThread(const std::string &_devicePath, speed_t _speed, std::int16_t _charSize, std::int16_t _parity,
                            std::int16_t _stopBits, tcflag_t _hwFlow, bool _rs485)
@@ -45,8 +57,10 @@ void SerialThread::execute()
     subject->attach(this);
     configureLine(port.get());
     chooseStandard(port.get());
-    while (exitRequested == 0)
-        writeWaiting(port.get());
+    deliverUntilExit([&port](const std::string &batch) {
+        writeBatch(port.get(), batch);
+        return true; // a line that fails may come back
+    });
 }
 
 int SerialThread::openOrEndProcess() const
@@ -80,17 +94,4 @@ void SerialThread::chooseStandard(int port) const
     }
     if (::ioctl(port, TIOCSRS485, &settings) < 0)
         KAV_LOG(ERROR, "RS485 configurating error. errno:%i - %s", errno, std::strerror(errno));
-}
-
-void SerialThread::writeWaiting(int port)
-{
-    const std::string data = getData();
-    if (data.empty()) {
-        KAV::Thread::sleep(idlePause);
-        return;
-    }
-    KAV_LOG(DEBUG, "serial:%s", data.c_str());
-    if (write_all(port, data.data(), data.size()) < 0)
-        KAV_LOG(ERROR, "serial write() of [NMEA STRING DATA] failed : error code = %d : %s\n", errno,
-                std::strerror(errno));
 }

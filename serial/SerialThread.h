@@ -26,7 +26,6 @@ private:
     [[nodiscard]] int openOrEndProcess() const;
     void configureLine(int port) const;
     void chooseStandard(int port) const;
-    void writeWaiting(int port);
 
     nmeaDataSubject *subject; ///< not owned
     std::string devicePath;
