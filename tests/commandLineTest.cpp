@@ -32,8 +32,7 @@ TEST(parseCommandLine, takesEveryOption)
     line.c_lflag = ICANON | ECHO;
     applyLineSettings(line, {s.serialSpeed, s.serialCharSize, s.serialParity, s.serialStopBits, s.serialHwFlow});
     EXPECT_EQ(line.c_cflag & ~static_cast<tcflag_t>(CBAUD | CIBAUD), CLOCAL | CS7 | PARENB | PARODD | CSTOPB | CRTSCTS);
-    EXPECT_EQ(cfgetospeed(&line), B57600);
-    EXPECT_EQ(line.c_lflag, 0U);
+    EXPECT_EQ(std::tuple(cfgetospeed(&line), line.c_lflag), std::tuple(B57600, 0U));
 }
 
 TEST(parseCommandLine, keepsDefaultsForWhatIsMissing)

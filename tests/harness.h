@@ -15,11 +15,12 @@
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
+using std::chrono::milliseconds;
 using testing::HasSubstr, testing::StartsWith;
 
 /// Waits until `holds` is true; the limit is generous, since machines under test are slow and busy.
 template <typename Predicate>
-bool eventually(Predicate holds, std::chrono::milliseconds limit = 30s)
+bool eventually(Predicate holds, milliseconds limit = 30s)
 {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     while (!holds()) {
@@ -71,14 +72,14 @@ struct Peer {
     /// The other side may be gone already: what comes back decides, not what went out.
     void send(const std::string &bytes) const { ::send(socket.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL); }
     /// Whether there is something to read, or to accept.
-    [[nodiscard]] bool isReady(std::chrono::milliseconds limit) const
+    [[nodiscard]] bool isReady(milliseconds limit) const
     {
         pollfd waiting{socket.get(), POLLIN, 0};
         return ::poll(&waiting, 1, static_cast<int>(limit.count())) > 0;
     }
     /// Reads until `text` has come, the peer closes, or the limit is over; all that was read since the last
     /// call.
-    std::string readUntil(const std::string &text, std::chrono::milliseconds limit = 30s)
+    std::string readUntil(const std::string &text, milliseconds limit = 30s)
     {
         std::string all;
         const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -161,7 +162,7 @@ struct Program : FakeGpspipe {
     /// A file or folder in which the kernel tells about the process.
     [[nodiscard]] fs::path proc(const char *file) const { return fs::path("/proc") / std::to_string(pid) / file; }
     /// Waits for the end, -1 when it does not come; the status is 128 + N for signal N.
-    int wait(std::chrono::milliseconds limit = 30s)
+    int wait(milliseconds limit = 30s)
     {
         int status = 0;
         if (!eventually([&] { return ::waitpid(pid, &status, WNOHANG) == pid; }, limit))
@@ -169,8 +170,10 @@ struct Program : FakeGpspipe {
         pid = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
-    /// SIGINT, then `wait` for the three seconds that users are promised and some for a busy machine.
-    int interrupt() { return pid > 0 && ::kill(pid, SIGINT) == 0 ? wait(10s) : -1; }
+    /// Sends a signal, then `wait`; -1, too, when the program has ended already: kill(-1) would reach everybody.
+    int signal(int number, milliseconds limit) { return pid > 0 && ::kill(pid, number) == 0 ? wait(limit) : -1; }
+    /// SIGINT with the three seconds that users are promised and some for a busy machine.
+    int interrupt() { return signal(SIGINT, 10s); }
 
     const Port reserved;
     const std::uint16_t port = reserved.number;

@@ -42,10 +42,8 @@ TEST_P(AnyGpspipe, endsWithTheProgram)
     Program program(server, std::string("echo $$ > pid\n") + GetParam());
     const Peer client(program.port);
     EXPECT_TRUE(eventually([&] { return program.gpspipe() != 0; }));
-    for (const int signal : {SIGHUP, SIGPIPE, SIGALRM}) {
-        ::kill(program.pid, signal);
-        EXPECT_LT(program.wait(200ms), 0) << "ended by signal " << signal;
-    }
+    for (const int ignored : {SIGHUP, SIGPIPE, SIGALRM})
+        EXPECT_EQ(program.signal(ignored, 200ms), -1) << "ended by signal " << ignored;
     EXPECT_EQ(program.interrupt(), 0);
     EXPECT_THAT(program.output(), HasSubstr("INFO: execution complete\n"));
     EXPECT_TRUE(eventually([&] { return ::kill(program.gpspipe(), 0) != 0; })) << "gpspipe stays behind";
@@ -113,13 +111,13 @@ TEST(Clients, areServedAsFarAsDescriptorsGo)
 
 TEST(Clients, thatStopReadingGetTheNewestLater)
 {
-    Program program(server, R"(n=0; while [ $n -lt 50000 ]; do printf '$GPGGA,old,%0400d\r\n' 0; n=$((n+1)); done
-                               touch passed; exec yes '$GPGGA,new')");
+    Program program(server, R"sh(timeout 5 yes "$(printf '$GPGSV,30,%d,%0480d\n' $(seq -f '%g 0' 30))"
+                                 touch passed; exec yes '$GPGGA,new')sh");
     Peer sleeper(program.port);
-    EXPECT_TRUE(eventually([&] { return fs::exists(program.folder / "passed"); })) << "20 MB wait for one client";
+    EXPECT_TRUE(eventually([&] { return fs::exists(program.folder / "passed"); })) << "the stream waits for one client";
     const std::string woken = sleeper.readUntil("new");
     EXPECT_NE(woken.find("new"), std::string::npos);
-    EXPECT_LT(woken.size(), 1'000'000U) << "the kernel's backlog came first";
+    EXPECT_LT(woken.size(), 500'000U) << "the kernel's backlog came first";
 }
 
 TEST(Consumers, allReceiveTheSameMessages)
