@@ -129,7 +129,7 @@ TEST(Consumers, allReceiveTheSameMessages)
     Program program(server + uplink + std::to_string(listener.number) + " --id 7 --server-passwd secret --serial " +
                         ::ptsname(line.socket.get()) + " --baud 57600 --stopbits 2 --hwflow --rs485",
                     R"(while [ ! -e go ]; do sleep 0.1; done; sleep 1; for i in 0 1 2 3 4 5 6 7 8 9; do
-                       printf '$GPGGA,%d\r\n$GPGSV,1,1,%d\r\n$GPRMC,off\r\n' $i $i; sleep 0.3; done
+                       printf '$GPGGA,%d\r\n$GPGSV,1,1,%d\r\n$GPRMC,off\r\n' $i $i; sleep 0.5; done
                        while :; do echo '$GPGGA'; sleep 0.5; done)");
     Peer collector = listener.accept();
     collector.send("PASSWORD\r\n");
