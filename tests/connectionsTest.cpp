@@ -79,7 +79,7 @@ TEST_F(Connections, logClientsIn)
     const std::tuple<std::string, std::string, std::string, bool> cases[] = {
         {"abc", "abc\r\n", prompt + "OK\r\n", true},
         {"abc", "ab\r\nabc\r\n", prompt + wrong + "OK\r\n", true},
-        {"abc", "abcd\r\nab\r\n\r\nabc\r\n", prompt + wrong + wrong + "ERROR\r\n", false},
+        {"abc", "abcd\r\nab\r\n\r\n", prompt + wrong + wrong + "ERROR\r\n", false},
         {"abc", std::string(700, 'z') + "\n", prompt + wrong + wrong + "ERROR\r\n", false},
         {longest, longest + "\r\n", prompt + "OK\r\n", true},
         {longest + "s", longest + "s\r\n", prompt + wrong + wrong, false},
