@@ -7,8 +7,7 @@ extern "C" [[noreturn]] void __wrap_exit(int status) { status == 1 ? throw statu
 
 static void check(FuzzedDataProvider input)
 try {
-    const auto was = KAV::Text::split(input.ConsumeRemainingBytesAsString(), '\0', 0);
-    auto now = was;
+    std::vector<std::string> was = KAV::Text::split(input.ConsumeRemainingBytesAsString(), '\0', 0), now = was;
     std::vector<char *> argv;
     std::transform(now.begin(), now.end(), std::back_inserter(argv), [](auto &word) { return word.data(); });
     const auto parse = [&argv] { return parseCommandLine(static_cast<int>(argv.size()), argv.data()); };

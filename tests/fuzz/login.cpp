@@ -26,11 +26,12 @@ static void check(FuzzedDataProvider input)
     ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
     ::send(ends[0], bytes.data(), bytes.size(), 0);
     ::shutdown(ends[0], SHUT_WR);
-    const int lowest = ::dup(ends[1]);
+    const int lowest = ::dup(ends[1]), next = ::dup(ends[1]);
+    ::close(next);
     listening ? delete new ClientHandlerThread(lowest, "secret", 3)
               : (::close(lowest), delete new ClientThread("127.0.0.1", 1, 't', "secret"));
     char heard[99] = {};
     ::recv(ends[0], heard, sizeof heard - 1, MSG_DONTWAIT);
     assert(heard == (listening ? answers : !lines.empty() && lines[0] == "PASSWORD" ? "secret\r\n" : ""));
-    assert(::close(lowest) != 0 && ::close(ends[0]) + ::close(ends[1]) == 0); // nothing but these was open
+    assert(::close(lowest) + ::close(next) == -2 && ::close(ends[0]) + ::close(ends[1]) == 0); // none is left open
 }
