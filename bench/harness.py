@@ -134,6 +134,11 @@ class Navtwine:
                 total += int(Path(f"/proc/{self.pid}/task/{task}/schedstat").read_text().split()[0])
         return total / 1e9
 
+    def cpu_seconds_of_all(self):
+        """The same with the threads that have ended, to a hundredth of a second."""
+        fields = Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
     def memory(self):
         """KiB: resident, private and written to, address space."""
         figures = {}

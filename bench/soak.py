@@ -300,6 +300,8 @@ class Crowd:
         await self.expect(reader, b"PASSWORD\r\n")
         if random.random() < 0.5:
             writer.write(PASSWORD[:3].encode())
+        if random.random() < 0.5:
+            writer.write_eof()  # the server then finds the connection ready for ever
         with contextlib.suppress(TimeoutError):
             await asyncio.wait_for(reader.read(), random.uniform(1, LONGEST_LOGIN + 5))
 
@@ -412,7 +414,9 @@ class Soak:
         self.say(f"settling; there were {self.crowd.most} clients at once")
         before = self.settled()
         self.say(f"under load for {self.seconds} s")
+        used = self.navtwine.cpu_seconds_of_all()
         self.load(self.seconds)
+        self.cores = (self.navtwine.cpu_seconds_of_all() - used) / self.seconds
         peak = self.navtwine.threads()
         self.say(f"settling; {peak} threads were left of it")
         after = self.settled()
@@ -470,6 +474,7 @@ collector        {self.collector.stream.lines} messages in {self.collector.sessi
 serial line      {self.serial_line.stream.lines} messages
 after the warm-up {before}
 at the end        {after}
+processor        {self.cores:.2f} of one under load
 log              {len(log) // 1024} KiB, {log.count('ERROR:')} ERROR lines
 SIGINT           ended it after {seconds:.1f} s with status {status}""")
         self.problem_if(self.missing["fault"], f"{self.missing['fault']} messages missing without a reason")
@@ -488,6 +493,7 @@ SIGINT           ended it after {seconds:.1f} s with status {status}""")
                         f"not {OWN_THREADS}")
         self.problem_if(after["memory"] > before["memory"] * 1.1 + 512,
                         f"memory grew from {before['memory']} to {after['memory']} KiB")
+        self.problem_if(self.cores > 0.5, f"{self.cores:.2f} of a processor: something spins")
         self.problem_if("ended early" in log or "pthread_create" in log, "a thread failed: see the log")
         self.problem_if(status != 0 or seconds > 3, f"SIGINT: status {status} after {seconds:.1f} s")
         print("\nsoak: OK" if not self.problems else "\nsoak: FAILED\n  " + "\n  ".join(self.problems))
