@@ -141,8 +141,9 @@ struct Program : FakeGpspipe {
             return;
         ::closefrom(3); // the test runner's own would count against `openFiles`
         std::ostringstream command;
-        command << "cd " << folder << "; ulimit -n " << openFiles << "; PATH=$PWD:$PATH; PORT=" << port
-                << "; exec >>output 2>&1 " NAVTWINE_EMULATOR NAVTWINE_PROGRAM " " << arguments;
+        command << "cd " << folder << "; ulimit -n " << openFiles + NAVTWINE_EMULATOR_FILES
+                << "; PATH=$PWD:$PATH; PORT=" << port << "; exec >>output 2>&1 " NAVTWINE_EMULATOR NAVTWINE_PROGRAM " "
+                << arguments;
         ::execl("/bin/sh", "sh", "-c", command.str().c_str(), nullptr);
     }
     ~Program()
