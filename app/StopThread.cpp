@@ -5,7 +5,7 @@
 
 namespace {
 
-constexpr unsigned int step = 1000; ///< milliseconds; every wake-up costs, all the years long
+constexpr unsigned int step = 1000; ///< milliseconds
 constexpr int patience = 5;         ///< steps until the process is ended the hard way
 
 } // namespace
@@ -20,8 +20,7 @@ StopThread::~StopThread()
 
 void StopThread::execute()
 {
-    while (exitRequested == 0)
-        KAV::Thread::sleep(step);
+    exitRequested.wait(0); // not in steps: every wake-up costs, all the years long
     for (int passed = 0; passed < patience; ++passed) {
         endGpspipe();
         KAV::Thread::sleep(step);

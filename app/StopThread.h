@@ -9,7 +9,8 @@
 /// main thread has not come to its end after five seconds, because a system log that takes nothing holds it or
 /// another thread, it ends the process with status 0.
 ///
-/// Owned by main, from the start of the consumers to the end.
+/// Owned by main, from the start of the consumers to the end, which comes after a request only: the wait for one is
+/// no cancellation point.
 class StopThread : public KAV::Thread {
 public:
     /// Starts the thread. Errors: as KAV::Thread::start.

@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -130,20 +131,23 @@ struct Listener : Port {
     [[nodiscard]] Peer accept() const { return Peer(isReady(30s) ? ::accept(socket.get(), nullptr, nullptr) : -1); }
 };
 
+/// The far end of a serial line that is none.
+struct SerialLine : Peer {
+    SerialLine() : Peer(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) { EXPECT_EQ(::unlockpt(socket.get()), 0); }
+    [[nodiscard]] const char *device() const { return ::ptsname(socket.get()); }
+};
+
 /// The real program, run in the fake's folder with arguments as for a shell, where $PORT is `port`; its standard
 /// output and standard error are one text.
 struct Program : FakeGpspipe {
-    Program(const std::string &arguments, const std::string &gpspipeBody, int openFiles = 512)
-        : FakeGpspipe(gpspipeBody),
-          pid(::fork())
+    Program(const std::string &arguments, const std::string &gpspipeBody) : FakeGpspipe(gpspipeBody), pid(::fork())
     {
         if (pid != 0)
             return;
-        ::closefrom(3); // the test runner's own would count against `openFiles`
+        ::closefrom(3); // the test runner's own
         std::ostringstream command;
-        command << "cd " << folder << "; ulimit -n " << openFiles + NAVTWINE_EMULATOR_FILES
-                << "; PATH=$PWD:$PATH; PORT=" << port << "; exec >>output 2>&1 " NAVTWINE_EMULATOR NAVTWINE_PROGRAM " "
-                << arguments;
+        command << "cd " << folder << "; PATH=$PWD:$PATH; PORT=" << port
+                << "; exec </dev/null >>output 2>&1 " NAVTWINE_EMULATOR NAVTWINE_PROGRAM " " << arguments;
         ::execl("/bin/sh", "sh", "-c", command.str().c_str(), nullptr);
     }
     ~Program()

@@ -2,26 +2,6 @@
 
 #include "harness.h"
 
-TEST(read_line_from_socket, takesOneLineAndNothingBehindIt)
-{
-    const std::string fits(255, 'p');
-    const std::tuple<std::string, int, std::string, std::string> cases[] = {
-        {"OK\r\nnext", 4, "OK\r", "next"}, {"\n", 1, "", ""},        {fits + "\n", 256, fits, ""},
-        {fits + "q\n", 256, fits, "\n"},   {"half", -1, "half", ""},
-    };
-    const Listener listener;
-    for (const auto &[sent, result, line, rest] : cases) {
-        Peer peer(listener.number);
-        Peer reader = listener.accept();
-        peer.send(sent);
-        char buffer[256];
-        EXPECT_EQ(read_line_from_socket(reader.socket.get(), buffer, sizeof buffer, 0), result) << sent;
-        EXPECT_EQ(buffer, line);
-        peer.socket.reset();
-        EXPECT_EQ(reader.readUntil("never"), rest) << sent;
-    }
-}
-
 TEST(read_line_from_socket, waitsForAPeerThatClosedWithoutSpinning)
 {
     const Listener listener;

@@ -1,0 +1,67 @@
+// Stands in front of the calls below (linker option --wrap) in a navtwine that is built for tests: the one that the
+// environment's FAULT names, "THREAD|CALL|SKIPPED|ERRNO", fails once. ERRNO 0 means a short count.
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <pthread.h>
+#include <string_view>
+#include <unistd.h>
+
+using namespace std::chrono_literals;
+
+struct Fault {
+    Fault() { std::sscanf(std::getenv("FAULT"), "%15[^|]|%31[^|]|%d|%d", thread, call, &skipped, &error); }
+    char thread[16] = {};
+    char call[32] = {};
+    int skipped = 0;
+    int error = 0;
+};
+
+static bool fails(std::string_view symbol)
+{
+    static const Fault fault;
+    static std::atomic<int> skipped = fault.skipped;
+    char thread[sizeof fault.thread];
+    ::pthread_getname_np(::pthread_self(), thread, sizeof thread);
+    // Only a part of the symbol: "setsockopt" is "__setsockopt64" on 32-bit machines.
+    const bool meant = symbol.find(fault.call) != symbol.npos && std::string_view(thread) == fault.thread;
+    if (!meant || skipped-- != 0)
+        return false;
+    ::dprintf(STDERR_FILENO, "[%s fails]\n", fault.call);
+    errno = fault.error;
+    return true;
+}
+
+// Whatever the calls take and return fits into registers, or is handed on from the caller's stack.
+using Word = long;
+#define FAILING(symbol, failure)                                                                                       \
+    extern "C" [[gnu::weak]] Word __real_##symbol(Word, Word, Word, Word, Word, Word, Word);                           \
+    extern "C" Word __wrap_##symbol(Word a, Word b, Word size, Word d, Word e, Word f, Word g)                         \
+    {                                                                                                                  \
+        const bool faulty = fails(#symbol);                                                                            \
+        if (faulty && errno != 0)                                                                                      \
+            return failure;                                                                                            \
+        return __real_##symbol(a, b, faulty ? size / 2 : size, d, e, f, g);                                            \
+    }
+FAILING(accept4, -1)
+FAILING(bind, -1)
+FAILING(connect, -1)
+FAILING(fgets, 0) FAILING(gethostbyname2_r, -1) FAILING(getrlimit64, -1) FAILING(ioctl, -1) FAILING(__ioctl_time64, -1)
+    FAILING(listen, -1) FAILING(open64, -1) FAILING(opendir, 0) FAILING(poll, -1) FAILING(popen, 0)
+        FAILING(pthread_create, errno) FAILING(recv, -1) FAILING(send, -1) FAILING(setrlimit64, -1)
+            FAILING(setsockopt, -1) FAILING(__setsockopt64, -1) FAILING(socket, -1) FAILING(tcflush, -1)
+                FAILING(tcgetattr, -1) FAILING(tcsetattr, -1) FAILING(write, -1)
+
+    /// Nothing sleeps for longer than a second here, and time passes ten times as fast.
+    extern "C" void __real__ZN3KAV6Thread5sleepEj(unsigned int milliseconds);
+extern "C" void __wrap__ZN3KAV6Thread5sleepEj(unsigned int milliseconds)
+{
+    __real__ZN3KAV6Thread5sleepEj(std::min(milliseconds, 1000U));
+}
+extern "C" time_t __wrap_time(time_t *) { return std::chrono::steady_clock::now().time_since_epoch() / 100ms; }
+/// What `time` is called on 32-bit machines, where time_t has 64 bits too.
+extern "C" time_t __wrap___time64(time_t *) { return __wrap_time(nullptr); }
