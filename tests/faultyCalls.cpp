@@ -21,6 +21,9 @@ struct Fault {
     int error = 0;
 };
 
+/// Under valgrind or another emulator the main thread would bear that one's name.
+[[maybe_unused]] static const int named = ::pthread_setname_np(::pthread_self(), "faulty_navtwine");
+
 static bool fails(std::string_view symbol)
 {
     static const Fault fault;
