@@ -118,6 +118,7 @@ def real_pace():
 
 def memory_with(counts, environment=None):
     """{number of clients: figures} of one process."""
+    os.sync()  # pages of a program just built count as dirty until they are written
     figures = {}
     with Navtwine(environment=environment) as navtwine, contextlib.ExitStack() as stack:
         navtwine.wait_until_listening()

@@ -42,13 +42,22 @@ def wait_until(condition, seconds, step=0.05):
     return bool(met)
 
 
+def tcp_sockets():
+    """(own port, the peer's port, state) of the machine's sockets; the states are the kernel's net/tcp_states.h."""
+    for line in Path("/proc/net/tcp").read_text().splitlines()[1:]:
+        _, local, remote, state = line.split()[:4]
+        yield int(local.split(":")[1], 16), int(remote.split(":")[1], 16), int(state, 16)
+
+
 def is_listening(port):
     """Looked up, not tried: a connection would be a client."""
-    for line in Path("/proc/net/tcp").read_text().splitlines()[1:]:
-        _, local, _, state = line.split()[:4]
-        if state == "0A" and int(local.split(":")[1], 16) == port:
-            return True
-    return False
+    return any(local == port and state == 10 for local, _, state in tcp_sockets())
+
+
+def has_connection(port, peer):
+    """Whether the server at `port` has what its client at port `peer` believes to have: established, or waiting to
+    be closed."""
+    return any((local, remote) == (port, peer) and state in (1, 8) for local, remote, state in tcp_sockets())
 
 
 def children_of(process):

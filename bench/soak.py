@@ -18,7 +18,7 @@ import tty
 from functools import reduce
 from pathlib import Path
 
-from harness import ROOT, Failed, Navtwine, allow_many_descriptors, children_of, free_port, wait_until
+from harness import ROOT, Failed, Navtwine, allow_many_descriptors, children_of, has_connection, wait_until
 
 PASSWORD = "lantern"
 CROWD = 1000
@@ -184,7 +184,7 @@ class Crowd:
         self.port, self.ending = port, False
         self.ended = collections.Counter()
         self.faults = collections.Counter()
-        self.lines, self.inside, self.most = 0, 0, 0
+        self.lines, self.inside, self.most, self.forgotten = 0, 0, 0, 0
 
     async def run_for(self, seconds):
         self.ending = False
@@ -221,7 +221,7 @@ class Crowd:
             await kind(reader, writer)
             self.ended[kind.__name__.replace("_", " ")] += 1
         except TimeoutError:
-            self.faults["not answered" if writer else "not connected"] += 1
+            self.unanswered(connection if writer else None)
         except (OSError, asyncio.IncompleteReadError) as error:
             self.faults[f"{kind.__name__}: {type(error).__name__}"] += 1
         finally:
@@ -229,6 +229,15 @@ class Crowd:
                 self.inside -= 1
                 writer.transport.abort()
             connection.close()
+
+    def unanswered(self, connection):
+        """When the queue of connections overflows, the kernel forgets some while their clients believe in them."""
+        if connection is None:
+            self.faults["not connected"] += 1
+        elif has_connection(self.port, connection.getsockname()[1]):
+            self.faults["not answered"] += 1
+        else:
+            self.forgotten += 1
 
     async def expect(self, reader, text):
         line = await asyncio.wait_for(reader.readline(), 20)
@@ -452,6 +461,7 @@ class Soak:
 crowd            {sum(self.crowd.ended.values())} clients, {self.crowd.most} at once, \
 {self.crowd.lines} lines checked:
                  {dict(self.crowd.ended)}
+                 {self.crowd.forgotten} more forgotten by the kernel in the server's queue of five, unknown to it
 misfortunes      gpspipe killed {self.misfortune.count('gpspipe killed')} times, \
 {self.misfortune.count('SIGHUP')} SIGHUPs, {self.serial_line.stalls} stalls of the serial line
 counted client   {self.counted} messages; not received: {dict(self.missing) or 'nothing'}
@@ -468,6 +478,8 @@ SIGINT           ended it after {seconds:.1f} s with status {status}""")
             self.problem_if(worker.error, f"{name}: {worker.error}")
             self.problem_if(worker.stream.faults, f"{name}: {dict(worker.stream.faults)}")
             self.problem_if(not worker.stream.lines, f"{name} got nothing")
+        self.problem_if(self.crowd.forgotten > sum(self.crowd.ended.values()) / 100,
+                        f"{self.crowd.forgotten} clients forgotten in the queue: it is emptied too slowly")
         self.problem_if(self.faults_before, f"the crowd: {dict(self.faults_before)}")
         for figure in ("threads", "descriptors", "children"):
             self.problem_if(after[figure] != before[figure],
