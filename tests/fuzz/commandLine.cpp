@@ -12,7 +12,8 @@ try {
     std::transform(now.begin(), now.end(), std::back_inserter(argv), [](auto &word) { return word.data(); });
     const auto parse = [&argv] { return parseCommandLine(static_cast<int>(argv.size()), argv.data()); };
     const RunSettings s = parse();
-    assert(std::any_of(baudTable.begin(), baudTable.end(), [&](auto &row) { return row.second == s.serialSpeed; }));
+    assert(
+        std::any_of(baudTable.begin(), baudTable.end(), [&](const auto &row) { return row.second == s.serialSpeed; }));
     assert((s.serialParity == 0 || (s.serialParity & ~PARODD) == PARENB) && (s.serialStopBits & ~CSTOPB) == 0);
     assert((s.serialCharSize == CS7 || s.serialCharSize == CS8) && std::strchr("tu", s.clientProtocol) != nullptr);
     for (std::size_t n = 1; n < was.size(); ++n)
