@@ -1,17 +1,11 @@
 #include "harness.h"
 
 struct Fault {
-    std::string_view thread; ///< as the system names it
-    std::string_view call;
-    int skipped; ///< calls that go well before
-    int error;   ///< 0: a short count
-    std::string line = "";
-    std::string_view lost = ""; ///< the consumer that the user has to do without
+    std::string what;      ///< as faulty_navtwine takes it
+    std::string line;      ///< what the log says; nothing when empty
+    std::string_view lost; ///< the consumer that the user has to do without
 
-    friend std::ostream &operator<<(std::ostream &stream, const Fault &fault)
-    {
-        return stream << fault.thread << '|' << fault.call << '|' << fault.skipped << '|' << fault.error;
-    }
+    friend std::ostream &operator<<(std::ostream &stream, const Fault &fault) { return stream << fault.what; }
 };
 
 class AnyCall : public testing::TestWithParam<Fault> {};
@@ -20,7 +14,7 @@ class AnyCall : public testing::TestWithParam<Fault> {};
 TEST_P(AnyCall, mayFailOnce)
 {
     const Fault &fault = GetParam();
-    ::setenv("FAULT", testing::PrintToString(fault).c_str(), 1);
+    ::setenv("FAULT", fault.what.c_str(), 1);
     const Listener collector;
     SerialLine line;
     Program program("--server --server-port $PORT --server-passwd pw -e --interval 1 --gga --client-passwd pw"
@@ -56,7 +50,7 @@ TEST_P(AnyCall, mayFailOnce)
     })) << "descriptors stay behind";
     EXPECT_EQ(program.interrupt(), 0);
     const std::string output = program.output();
-    EXPECT_THAT(output, HasSubstr(std::string(fault.call) + " fails]\n"));
+    EXPECT_THAT(output, HasSubstr(" fails]\n"));
     EXPECT_THAT(output, HasSubstr(fault.line));
     if (fault.line.empty()) { // a pseudo-terminal is no RS485 port
         EXPECT_THAT(output, Not(testing::ContainsRegex("ERROR: [^R]")));
@@ -71,59 +65,59 @@ const char *const handler = "client-handler-";
 const char *const uplink = "main client-thr";
 const char *const serial = "main serial-thr";
 
-const Fault faults[] = {
-    {program, "open64", 0, EMFILE},
-    {program, "getrlimit64", 0, EPERM},
-    {program, "setrlimit64", 0, EPERM},
-    {program, "poll", 0, EINTR},
-    {program, "write", 0, EAGAIN},
-    {program, "fgets", 1, EINTR},
-    {program, "popen", 0, EMFILE, "failed to popen stream for reading output of command 'gpspipe -r'"},
-    {program, "pthread_create", 0, EAGAIN, "'navtwine main-server-thread': Resource", "server"},
-    {program, "pthread_create", 1, EAGAIN, "'navtwine main client-thread': Resource", "uplink"},
-    {program, "pthread_create", 2, EAGAIN, "'navtwine main serial-thread': Resource", "serial"},
-    {server, "socket", 0, EMFILE, "socket() failed returning", "server"},
-    {server, "setsockopt", 0, ENOBUFS},
-    {server, "setsockopt", 1, ENOMEM, "setsockopt() failed", "server"},
-    {server, "bind", 0, EADDRINUSE, "bind() failed", "server"},
-    {server, "listen", 0, EADDRINUSE, "listen() failed", "server"},
-    {server, "socket", 1, EMFILE, "no client is accepted"},
-    {server, "getrlimit64", 0, EPERM},
-    {server, "poll", 3, ENOMEM},
-    {server, "accept4", 0, EINTR},
-    {server, "accept4", 0, ECONNABORTED},
-    {server, "accept4", 0, EMFILE},
-    {server, "pthread_create", 0, EAGAIN, "client-handler-thread for socket"},
-    {handler, "send", 0, EPIPE, "send() of [PASSWORD_PROMPT] failed"},
-    {handler, "send", 1, EPIPE, "send() of [PASSWORD_OK] failed"},
-    {handler, "send", 2, EAGAIN, "error code = 11"},
-    {handler, "send", 2, EINTR, "error code = 4"},
-    {handler, "send", 2, ENOBUFS, "client is unreachable"},
-    {handler, "send", 2, EPIPE, "client is unreachable"},
-    {handler, "send", 2, 0},
-    {handler, "recv", 0, EINTR},
-    {handler, "recv", 0, ECONNRESET, "failed to login.\n"},
-    {handler, "poll", 1, ENOMEM, "failed or timed out"},
-    {uplink, "gethostbyname2_r", 0, EMFILE, "gethostbyname2_r() failed"},
-    {uplink, "socket", 0, EMFILE, "socket() failed with error code: 24"},
-    {uplink, "setsockopt", 0, ENOBUFS},
-    {uplink, "connect", 0, ETIMEDOUT, "connect() failed with error code: 110"},
-    {uplink, "recv", 0, ECONNRESET, "[PASSWORD PROMPT] message\n"},
-    {uplink, "recv", 1, EINTR},
-    {uplink, "recv", 12, ECONNRESET, "[PASSWORD OK] message\n"},
-    {uplink, "send", 0, EPIPE, "send() of [PASSWORD SECRET] failed"},
-    {uplink, "send", 1, EAGAIN, "error code = 11"},
-    {uplink, "send", 1, EINTR, "error code = 4"},
-    {uplink, "send", 1, ENOBUFS, "error code = 105"},
-    {uplink, "send", 1, EPIPE, "error code = 32"},
-    {uplink, "send", 1, 0},
-    {serial, "tcgetattr", 0, EIO},
-    {serial, "tcsetattr", 0, EIO},
-    {serial, "tcflush", 0, EIO},
-    {serial, "ioctl", 0, EIO, "RS485 configurating error. errno:5"},
-    {serial, "write", 3, EIO, "serial write() of [NMEA STRING DATA] failed"},
-    {serial, "write", 3, EINTR},
-    {serial, "write", 3, 0},
-    {"stop-thread", "opendir", 0, EMFILE},
+const struct {
+    std::string thread; ///< as the system names it
+    std::vector<std::string> calls;
+    int skipped;             ///< calls that go well before
+    std::vector<int> errors; ///< 0: a short count
+    std::string line = "";
+    std::string_view lost = "";
+} groups[] = {
+    {program, {"open64", "getrlimit64", "setrlimit64", "poll", "write"}, 0, {EMFILE}},
+    {program, {"fgets"}, 1, {EINTR}},
+    {program, {"popen"}, 0, {EMFILE}, "failed to popen stream for reading output of command 'gpspipe -r'"},
+    {program, {"pthread_create"}, 0, {EAGAIN}, "'navtwine main-server-thread': Resource", "server"},
+    {program, {"pthread_create"}, 1, {EAGAIN}, "'navtwine main client-thread': Resource", "uplink"},
+    {program, {"pthread_create"}, 2, {EAGAIN}, "'navtwine main serial-thread': Resource", "serial"},
+    {server, {"socket"}, 0, {EMFILE}, "ERROR: socket() failed returning invalid descriptor: -1\n", "server"},
+    {server, {"setsockopt", "getrlimit64"}, 0, {ENOBUFS}},
+    {server, {"setsockopt"}, 1, {ENOMEM}, "ERROR: setsockopt() failed for socket descriptor: ", "server"},
+    {server, {"bind", "listen"}, 0, {EADDRINUSE}, "() failed for socket descriptor: ", "server"},
+    {server, {"socket"}, 1, {EMFILE}, "ERROR: no client is accepted until a descriptor is free: error code: 24"},
+    {server, {"poll"}, 3, {ENOMEM}},
+    {server, {"accept4"}, 0, {EINTR, ECONNABORTED, EMFILE}},
+    {server, {"pthread_create"}, 0, {EAGAIN}, "'navtwine client-handler-thread for socket descriptor: "},
+    {handler, {"send"}, 0, {EPIPE}, "ERROR: send() of [PASSWORD_PROMPT] failed with error code: 32 : Broken pipe\n"},
+    {handler, {"send"}, 1, {EPIPE}, "ERROR: send() of [PASSWORD_OK] failed with error code: 32 : Broken pipe\n"},
+    {handler, {"send"}, 2, {EAGAIN, EINTR}, "ERROR: send() of [NMEA STRING DATA] failed for client: "},
+    {handler, {"send"}, 2, {ENOBUFS, EPIPE}, "client is unreachable"},
+    {handler, {"send"}, 2, {0}},
+    {handler, {"recv"}, 0, {EINTR}},
+    {handler, {"recv", "poll"}, 1, {ECONNRESET}, "ERROR: read_line_from_socket() failed or timed out\n"},
+    {uplink, {"gethostbyname2_r", "socket", "connect"}, 0, {EMFILE}, "() failed with error code: "},
+    {uplink, {"setsockopt"}, 0, {ENOBUFS}},
+    {uplink, {"recv"}, 0, {ECONNRESET}, "while listening for a [PASSWORD PROMPT] message\n"},
+    {uplink, {"recv"}, 1, {EINTR}},
+    {uplink, {"recv"}, 12, {ECONNRESET}, "while listening for a [PASSWORD OK] message\n"},
+    {uplink, {"send"}, 0, {EPIPE}, "send() of [PASSWORD SECRET] failed : error code = 32 : Broken pipe\n"},
+    {uplink, {"send"}, 1, {EAGAIN, EINTR, ENOBUFS, EPIPE}, "ERROR: send() of [NMEA STRING DATA] failed : error code"},
+    {uplink, {"send"}, 1, {0}},
+    {serial, {"tcgetattr", "tcsetattr", "tcflush"}, 0, {EIO}},
+    {serial, {"ioctl"}, 0, {EIO}, "ERROR: RS485 configurating error. errno:5 - Input/output error\n"},
+    {serial, {"write"}, 3, {EIO}, "ERROR: serial write() of [NMEA STRING DATA] failed : error code = 5 : Input"},
+    {serial, {"write"}, 3, {EINTR, 0}},
+    {"stop-thread", {"opendir"}, 0, {EMFILE}},
 };
-INSTANTIATE_TEST_SUITE_P(Faults, AnyCall, testing::ValuesIn(faults));
+
+/// Each call of each group with each of its errors.
+static std::vector<Fault> faults()
+{
+    std::vector<Fault> all;
+    for (const auto &[thread, calls, skipped, errors, line, lost] : groups)
+        for (const std::string &call : calls)
+            for (const int error : errors)
+                all.push_back(
+                    {thread + '|' + call + '|' + std::to_string(skipped) + '|' + std::to_string(error), line, lost});
+    return all;
+}
+INSTANTIATE_TEST_SUITE_P(Faults, AnyCall, testing::ValuesIn(faults()));

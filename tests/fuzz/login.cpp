@@ -8,9 +8,17 @@ static int ends[2], now; ///< of the connection, the peer's first; seconds
 extern "C" std::time_t __wrap_time(std::time_t *) { return now; }
 extern "C" int __wrap_connect(int fd, const sockaddr *, socklen_t) { return ::dup2(ends[1], fd) - fd; }
 /// Without a thread: the body runs in the constructor, and is over when that returns.
-extern "C" void __wrap__ZN3KAV6Thread5startEv(KAV::Thread *side) { exitRequested = now = 0, side->execute(); }
+extern "C" void __wrap__ZN3KAV6Thread5startEv(KAV::Thread *side)
+{
+    exitRequested = now = 0;
+    side->execute();
+}
 /// Both sides sleep first when they have nothing more to do.
-extern "C" void __wrap__ZN3KAV6Thread5sleepEj(unsigned int) { ++now, exitRequested = 1; }
+extern "C" void __wrap__ZN3KAV6Thread5sleepEj(unsigned int)
+{
+    ++now;
+    exitRequested = 1;
+}
 
 static void check(FuzzedDataProvider input)
 {
@@ -26,10 +34,15 @@ static void check(FuzzedDataProvider input)
     ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
     ::send(ends[0], bytes.data(), bytes.size(), 0);
     ::shutdown(ends[0], SHUT_WR);
-    const int lowest = ::dup(ends[1]), next = ::dup(ends[1]);
-    ::close(next);
-    listening ? delete new ClientHandlerThread(lowest, "secret", 3)
-              : (::close(lowest), delete new ClientThread("127.0.0.1", 1, 't', "secret"));
+    const int lowest = ::dup(ends[1]);
+    const int next = ::dup(ends[1]);
+    ::close(next); // what a leak would take
+    if (listening) {
+        delete new ClientHandlerThread(lowest, "secret", 3);
+    } else {
+        ::close(lowest); // the uplink's socket will take its number
+        delete new ClientThread("127.0.0.1", 1, 't', "secret");
+    }
     char heard[99] = {};
     ::recv(ends[0], heard, sizeof heard - 1, MSG_DONTWAIT);
     assert(heard == (listening ? answers : !lines.empty() && lines[0] == "PASSWORD" ? "secret\r\n" : ""));

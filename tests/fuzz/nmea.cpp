@@ -5,7 +5,11 @@
 #include "nmea/sentenceType.h"
 
 static struct Mailbox : Observer {
-    Mailbox() : Observer("mailbox") { queueLock = new KAV::Lock, nmeaDataSubject::getInstance()->attach(this); }
+    Mailbox() : Observer("mailbox")
+    {
+        queueLock = new KAV::Lock;
+        nmeaDataSubject::getInstance()->attach(this);
+    }
     void execute() override {}
 } eachLine, allLines; ///< one is emptied after every line, the other in the end
 
