@@ -26,6 +26,7 @@ TEST(parseCommandLine, takesEveryOption)
     EXPECT_EQ(s.clientRemoteHost + s.serialPort + s.stationIdPrefix, "10.0.0.1/24/dev/xP");
     EXPECT_EQ(s.stationId, "--gga") << "a value is a value, whatever it looks like";
     EXPECT_FALSE(filterOf(SentenceType::GGA).enabled);
+    EXPECT_EQ(parsed("--parity even").serialParity, PARENB);
 
     termios line{};
     line.c_cflag = CLOCAL | CS8;

@@ -21,6 +21,7 @@ TEST_P(AnyCall, mayFailOnce)
                     " --client --client-remote-host 127.0.0.1 --client-port " +
                         std::to_string(collector.number) + " --serial " + line.device(),
                     "while echo '$GPGGA,1'; do sleep 0.2; done");
+    ::unsetenv("FAULT");
     const auto streams = [](Peer &peer) { return peer.readUntil("A,1", 3s).find("A,1") != std::string::npos; };
     Peer client(-1);
     Peer uplink(-1);
