@@ -33,7 +33,7 @@ rows = []
 
 
 def row(figure, value, goal="", met=None, because=""):
-    """`because`: why this goal is known to be missed."""
+    """`because`: why this goal is known to be missed, and not by more than was known."""
     verdict = {None: "", True: "met", False: f"missed: {because}" if because else "MISSED"}[met]
     rows.append((figure, value, goal, verdict))
     print(f"{figure:<66} {value:>24}  {goal:<30} {verdict}", flush=True)
@@ -113,7 +113,7 @@ def real_pace():
             epochs.append((navtwine.cpu_seconds() - before) / WINDOW_SECONDS * 1e6)
     below(f"processor time an epoch at 1 Hz, 10 clients, all types; median of {len(epochs)}",
           statistics.median(epochs), 570, "{:.0f} microseconds", NOISE,
-          "" if QUICK else "ten clients' threads wake up and send once each")
+          "ten clients' threads wake up and send once each" if statistics.median(epochs) < 2 * 570 else "")
     row("  the least and the most of them", f"{min(epochs):.0f} to {max(epochs):.0f}")
 
 
@@ -152,7 +152,8 @@ def memory():
     row("  resident for each further client, waiting sentences and all",
         f"{for_each_further(figures, 'rss'):.1f} KiB")
     idle = memory_with((100, 1000), {"GPSPIPE_RATE": "0.0001"})
-    below("  resident for each further idle client, 100 to 1,000", for_each_further(idle, "rss"), 10, "{:.2f} KiB")
+    below("  resident for each further idle client, 100 to 1,000", for_each_further(idle, "rss"), 10, "{:.2f} KiB",
+          1.1 if QUICK else 1)
     below("  address space for each, heap and guard page included", for_each_further(idle, "size"), 256,
           "{:.0f} KiB")
 
@@ -163,10 +164,8 @@ def thousand_at_once():
     with Navtwine() as navtwine, Clients(navtwine.wait_until_listening().port, 1000, pause=0) as clients:
         wait_until(lambda: clients.served() == 1000, 60)
         moments = sorted(clients.first[client] - clients.began for client in clients.first)
-    if len(moments) < 100:
-        raise Failed(f"{len(moments)} of 1,000 clients are served")
     row("clients served of 1,000 that connect at once", str(len(moments)), "1000", len(moments) == 1000,
-        "the queue of connections holds five")
+        "the queue of connections holds five" if len(moments) > 150 else "")
     row("  until half of them receive", f"{moments[len(moments) // 2]:.1f} s")
     row("  until the last of those receives", f"{moments[-1]:.1f} s", "at most 5.0 s", moments[-1] <= 5 * NOISE)
 

@@ -1,21 +1,10 @@
 #include "support/Lock.h"
 #include "support/Logger.h"
-#include "support/Text.h"
 #include "support/Thread.h"
 
 #include "harness.h"
 
 #include <atomic>
-
-TEST(Text, splitsAndStrips)
-{
-    EXPECT_THAT(KAV::Text::split("$GPGSV,3,,1", ',', 0), testing::ElementsAre("$GPGSV", "3", "", "1"));
-    EXPECT_THAT(KAV::Text::split("", ',', 0), testing::ElementsAre(""));
-    EXPECT_THAT(KAV::Text::split("end,", ',', 0), testing::ElementsAre("end", ""));
-    EXPECT_THAT(KAV::Text::split("a,b,c", ',', 2), testing::ElementsAre("a", "b,c"));
-    EXPECT_EQ(KAV::Text::strip("\ra\rb\r\n", {0x0A, 0x0D}), "a\rb");
-    EXPECT_EQ(KAV::Text::strip("\n\r\n", {0x0A, 0x0D}), "");
-}
 
 TEST(Logger, writesOneHarmlessLineAndKeepsErrno)
 {

@@ -60,6 +60,8 @@ FAILING(bind, -1);
 FAILING(connect, -1);
 FAILING(fgets, 0);
 FAILING(gethostbyname2_r, -1);
+FAILING(fstat64, -1);
+FAILING(__fstat64_time64, -1);
 FAILING(getrlimit64, -1);
 FAILING(ioctl, -1);
 FAILING(__ioctl_time64, -1);

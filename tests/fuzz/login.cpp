@@ -6,7 +6,7 @@
 static int ends[2], now; ///< of the connection, the peer's first; seconds
 
 extern "C" std::time_t __wrap_time(std::time_t *) { return now; }
-extern "C" int __wrap_connect(int fd, const sockaddr *, socklen_t) { return ::dup2(ends[1], fd) - fd; }
+extern "C" int __wrap_connect(int fd, const sockaddr *, socklen_t) { return ::dup2(ends[1], fd) < 0 ? -1 : 0; }
 /// Without a thread: the body runs in the constructor, and is over when that returns.
 extern "C" void __wrap__ZN3KAV6Thread5startEv(KAV::Thread *side)
 {
