@@ -1,6 +1,7 @@
 #include "app/prepareProcess.h"
 
 #include "support/Descriptor.h"
+#include "support/exitRequested.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -39,6 +40,7 @@ void prepareProcess()
 {
     openStandardStreams();
     raiseDescriptorLimit();
+    makeExitEvent();
     // Messages are small and brief: an arena a thread costs memory with nothing to show for it.
     ::mallopt(M_ARENA_MAX, 1);
 }

@@ -7,11 +7,7 @@
 
 namespace {
 
-extern "C" void onInterruptSignal(int /*signal*/)
-{
-    exitRequested = 1;
-    exitRequested.notify_all(); // of a lock-free atomic: allowed in a handler ([support.signal])
-}
+extern "C" void onInterruptSignal(int /*signal*/) { requestExit(); }
 
 extern "C" void onIgnoredSignal(int /*signal*/) {}
 

@@ -5,6 +5,7 @@
 #include "support/Thread.h"
 #include "support/exitRequested.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <malloc.h>
@@ -14,23 +15,23 @@
 
 namespace {
 
-constexpr int waitStep = 1000; ///< milliseconds between two looks at `exitRequested`
+/// Milliseconds without a new client after which the system gets back the holes that clients leave in the heap, 3 KiB
+/// each. Nothing else wakes the server while nobody connects: it would cost, all the years long.
+constexpr int quietStep = 30'000;
 
-/// Clients that have left leave holes in the heap, 3 KiB each: after so many quiet steps the system gets them
-/// back.
-constexpr unsigned int trimSteps = 30;
+constexpr int pause = 1000; ///< milliseconds until the next look at what may last
 
 /// Two for the pipe of the next gpspipe, two for the uplink's socket and its resolver.
 constexpr rlim_t reservedDescriptors = 4;
 
 bool isConnectionWaiting(int listener)
 {
-    pollfd waiting{listener, POLLIN, 0};
-    const int ready = ::poll(&waiting, 1, waitStep);
-    if (ready > 0 && (waiting.revents & POLLIN) != 0)
+    std::array<pollfd, 2> waiting{{{listener, POLLIN, 0}, {exitEvent(), POLLIN, 0}}};
+    const int ready = ::poll(waiting.data(), waiting.size(), exitEvent() < 0 ? pause : quietStep);
+    if (ready > 0 && (waiting[0].revents & POLLIN) != 0)
         return true;
-    if (ready != 0)
-        KAV::Thread::sleep(waitStep); // an error on the listener is reported at once, again and again
+    if (ready != 0 && exitRequested == 0)
+        KAV::Thread::sleep(pause); // an error on the listener is reported at once, again and again
     return false;
 }
 
@@ -56,7 +57,7 @@ bool awaitDescriptor()
         if (!reported)
             KAV_LOG(ERROR, "no client is accepted until a descriptor is free: error code: %d : %s\n", error,
                     std::strerror(error));
-        KAV::Thread::sleep(waitStep);
+        KAV::Thread::sleep(pause);
     }
     return false;
 }
@@ -65,11 +66,10 @@ bool awaitDescriptor()
 
 bool awaitConnection(int listener)
 {
-    for (unsigned int quiet = 1; exitRequested == 0; ++quiet) {
+    while (exitRequested == 0) {
         if (isConnectionWaiting(listener))
             return awaitDescriptor();
-        if (quiet % trimSteps == 0)
-            ::malloc_trim(0);
+        ::malloc_trim(0);
     }
     return false;
 }

@@ -4,8 +4,16 @@
 
 /// The process-wide stop flag: 0 at start, set to 1 by the SIGINT handler, never reset.
 ///
-/// Thread: written only by the handler, which also wakes who waits for it; read by every loop of the program
-/// without a lock.
+/// Thread: written only by `requestExit`, read by every loop of the program without a lock.
 extern std::atomic<int> exitRequested;
 
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes this flag");
+
+/// Sets `exitRequested`, and wakes who waits for it or for `exitEvent`. Async-signal-safe: the SIGINT handler calls it.
+void requestExit();
+
+/// Makes what `exitEvent` is, which stays until the process has gone. Thread: main, before any other starts.
+void makeExitEvent();
+
+/// For poll(2): readable from the exit request on. -1, which poll ignores, when the system had none.
+int exitEvent();

@@ -75,7 +75,7 @@ const struct {
     std::string line = "";
     std::string_view lost = "";
 } groups[] = {
-    {program, {"open64", "getrlimit64", "setrlimit64", "poll", "write", "fstat64"}, 0, {EMFILE}},
+    {program, {"open64", "getrlimit64", "setrlimit64", "poll", "write", "fstat64", "eventfd"}, 0, {EMFILE}},
     {program, {"fgets"}, 1, {EINTR}},
     {program, {"popen"}, 0, {EMFILE}, "failed to popen stream for reading output of command 'gpspipe -r'"},
     {program, {"pthread_create"}, 0, {EAGAIN}, "'navtwine main-server-thread': Resource", "server"},

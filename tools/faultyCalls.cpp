@@ -58,6 +58,7 @@ using Word = long;
 FAILING(accept4, -1);
 FAILING(bind, -1);
 FAILING(connect, -1);
+FAILING(eventfd, -1);
 FAILING(fgets, 0);
 FAILING(gethostbyname2_r, -1);
 FAILING(fstat64, -1);
