@@ -13,6 +13,7 @@ constexpr std::uint16_t loginAttempts = 3;
 Consumers startConsumers(const RunSettings &settings)
 {
     Consumers consumers;
+    consumers.wanted = settings.serverEnabled || settings.clientEnabled || !settings.serialPort.empty();
     if (settings.serverEnabled) {
         consumers.server.reset(
             KAV::startWorker<ServerThread>(settings.serverPort, settings.serverPassword, loginAttempts));
@@ -32,8 +33,8 @@ Consumers startConsumers(const RunSettings &settings)
 
 void endConsumers(Consumers &consumers)
 {
-    if (!consumers.server)
-        return;
-    consumers.server->wait();
+    if (consumers.server)
+        consumers.server->wait();
     consumers.server.reset();
+    SerialThread::endOutput();
 }

@@ -11,12 +11,13 @@ struct Consumers {
     /// A consumer exists. The uplink and the serial consumer belong to the thread library once they are
     /// started, so no pointer to them is kept.
     bool any = false;
+    bool wanted = false; ///< at least one was switched on
 };
 
 /// Makes the consumers that are switched on, in the order TCP server, uplink, serial line; their threads run
 /// from then on. Thread: main, after the daemon step.
 [[nodiscard]] Consumers startConsumers(const RunSettings &settings);
 
-/// Waits for the server's end and deletes it. The other consumers may be held by their peers and are not waited
-/// for; they end with the process.
+/// Waits for the server's end and deletes it, and ends the serial line's output. The uplink, which may be held by its
+/// collector or in its retry delay, is not waited for; it ends with the process.
 void endConsumers(Consumers &consumers);

@@ -1,6 +1,7 @@
 #include "app/StopThread.h"
 
 #include "nmea/gpspipeProcess.h"
+#include "serial/SerialThread.h"
 #include "support/exitRequested.h"
 
 namespace {
@@ -20,10 +21,11 @@ StopThread::~StopThread()
 
 void StopThread::execute()
 {
-    exitRequested.wait(0); // not in steps: every wake-up costs, all the years long
+    exitRequested.wait(0); // polling would wake an idle process
     for (int passed = 0; passed < patience; ++passed) {
         endGpspipe();
         KAV::Thread::sleep(step);
     }
+    SerialThread::endOutput();
     exitWithoutGpspipe(0);
 }

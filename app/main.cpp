@@ -10,6 +10,7 @@
 #include "support/startWorker.h"
 #include "support/wipe_string.h"
 
+#include <cstdlib>
 #include <memory>
 
 int main(int argc, char *argv[])
@@ -34,5 +35,5 @@ int main(int argc, char *argv[])
     wipe_string(settings.serverPassword);
     wipe_string(settings.clientPassword);
     KAV_LOG(INFO, "execution complete\n");
-    return 0;
+    return consumers.wanted && !consumers.any ? EXIT_FAILURE : EXIT_SUCCESS; // so that a supervisor tries again
 }

@@ -3,6 +3,7 @@
 #include "nmea/handleNMEAString.h"
 #include "nmea/kavGPSGetNMEAStrings.h"
 #include "support/exitRequested.h"
+#include "support/ifMemoryAllows.h"
 
 #include <unistd.h>
 
@@ -19,7 +20,7 @@ void runReader(const RunSettings &settings)
 void runReaderUntilExit(const RunSettings &settings)
 {
     while (exitRequested == 0) {
-        runReader(settings);
+        static_cast<void>(KAV::ifMemoryAllows([&] { runReader(settings); })); // if not now, then a second later
         ::sleep(1);
     }
 }

@@ -1,11 +1,12 @@
 #include "net/ClientThread.h"
 
 #include "net/handshake.h"
-#include "net/limitSendBuffer.h"
+#include "net/socketOptions.h"
 #include "nmea/nmeaDataSubject.h"
 #include "support/Descriptor.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
+#include "support/ifMemoryAllows.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -73,7 +74,8 @@ ClientThread::~ClientThread()
 void ClientThread::execute()
 {
     while (exitRequested == 0) {
-        runSession();
+        if (!KAV::ifMemoryAllows([this] { runSession(); }))
+            KAV_LOG(ERROR, "ClientThread::out of memory : retrying login in %u ms...\n", retryDelay);
         KAV::Thread::sleep(retryDelay);
     }
 }
@@ -128,8 +130,10 @@ int ClientThread::connect_to_host() const
         KAV_LOG(ERROR, "connect_to_host() : socket() failed with error code: %d : %s\n", errno, std::strerror(errno));
         return connection.get();
     }
-    if (type == SOCK_STREAM)
+    if (type == SOCK_STREAM) {
         limitSendBuffer(connection.get());
+        giveUpDeadPeer(connection.get());
+    }
     logAddress(peer.sin_addr);
     if (::connect(connection.get(), reinterpret_cast<const sockaddr *>(&peer), sizeof peer) != 0) {
         KAV_LOG(ERROR, "connect_to_host() : connect() failed with error code: %d : %s\n", errno, std::strerror(errno));

@@ -1,13 +1,12 @@
 #include "net/ServerThread.h"
 
+#include "net/Arrivals.h"
 #include "net/ClientHandlerThread.h"
-#include "net/awaitConnection.h"
-#include "net/limitSendBuffer.h"
+#include "net/socketOptions.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
 #include "support/startWorker.h"
 
-#include <cerrno>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -16,10 +15,6 @@ using KAV::Descriptor;
 namespace {
 
 constexpr int backlog = 5;
-constexpr unsigned int pauseAfterFailure = 1000; ///< milliseconds
-
-/// True when `accept` may fail in the same way at once again: without a pause that would cost a processor.
-bool mayLast(int error) { return error != EINTR && error != EAGAIN && error != ECONNABORTED; }
 
 bool bindToPort(int listener, std::uint16_t port)
 {
@@ -85,15 +80,12 @@ Descriptor ServerThread::listenOnPort() const
 
 void ServerThread::serve(int listener) const
 {
+    Arrivals arrivals(listener);
     do {
         KAV_LOG(INFO, "waiting for client connections...\n");
-        if (!awaitConnection(listener))
-            return;
-        Descriptor connection(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+        Descriptor connection = arrivals.next();
         if (connection.isOpen())
             handOver(std::move(connection));
-        else if (mayLast(errno))
-            KAV::Thread::sleep(pauseAfterFailure);
     } while (exitRequested == 0);
 }
 

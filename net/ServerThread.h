@@ -17,7 +17,7 @@ public:
     ~ServerThread() override;
 
     /// Sets the listening socket up once (a failure is an ERROR line and ends the server), then serves until
-    /// `exitRequested` is set, which it notices within about a second at most.
+    /// `exitRequested` is set, which it notices at once (Arrivals::next).
     void execute() override;
 
 private:

@@ -1,7 +1,9 @@
 #include "nmea/Observer.h"
 
 #include "support/exitRequested.h"
+#include "support/ifMemoryAllows.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -20,15 +22,22 @@ Observer::~Observer() = default;
 
 void Observer::update(const std::string &message)
 {
+    // What cannot be copied is dropped.
+    static_cast<void>(KAV::ifMemoryAllows([&] { append(message); }));
+}
+
+void Observer::append(const std::string &message)
+{
     const KAV::Hold hold(*queueLock);
     if (waiting > fullQueue) {
-        queue.push_back(std::move(queue.front()));
-        queue.pop_front();
-        --waiting;
-    } else if (waiting == queue.size()) {
-        queue.emplace_back();
+        queue.front() = message;
+        std::rotate(queue.begin(), queue.begin() + 1, queue.begin() + static_cast<std::ptrdiff_t>(waiting));
+        return;
     }
-    queue[waiting++] = message;
+    if (waiting == queue.size())
+        queue.emplace_back();
+    queue[waiting] = message;
+    ++waiting;
 }
 
 std::string Observer::getData()
@@ -52,8 +61,9 @@ void Observer::deliverUntilExit(const std::function<bool(const std::string &batc
 {
     constexpr unsigned int idlePause = 1000; // milliseconds
     while (exitRequested == 0) {
-        const std::string batch = getData();
-        if (batch.empty())
+        std::string batch;
+        // What cannot be joined waits in the mailbox.
+        if (!KAV::ifMemoryAllows([&] { batch = getData(); }) || batch.empty())
             KAV::Thread::sleep(idlePause);
         else if (!deliver(batch))
             return;

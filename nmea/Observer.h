@@ -20,7 +20,8 @@ public:
     /// Messages that still wait are dropped.
     ~Observer() override = 0;
 
-    /// Appends a copy of `message`; a mailbox that holds more than 10 loses its oldest one first, silently.
+    /// Appends a copy of `message`; a mailbox that holds more than 10 loses its oldest one first, silently. While
+    /// memory is out the message is dropped instead.
     ///
     /// Thread: the main thread, from the subject's `notify`, with the subject's lock held; must not call the
     /// subject. Locks: `queueLock`. Never waits for output.
@@ -28,14 +29,15 @@ public:
 
     /// Takes every waiting message, in order and joined without anything between; empty when there is none.
     ///
-    /// Thread: the observer's own. Locks: `queueLock`, once, so that a message is wholly in or wholly out.
+    /// Thread: the observer's own. Locks: `queueLock`, once, so that a message is wholly in or wholly out. Errors:
+    /// std::bad_alloc, with the mailbox as it was.
     [[nodiscard]] std::string getData();
 
     void execute() override = 0;
 
 protected:
     /// The working life of a consumer: hands each batch of waiting messages to `deliver`, and looks again a second
-    /// later when there is none, until `exitRequested` is set or `deliver` answers false.
+    /// later when there is none or no memory for it, until `exitRequested` is set or `deliver` answers false.
     ///
     /// Thread: the observer's own. Locks: none while `deliver` runs.
     void deliverUntilExit(const std::function<bool(const std::string &batch)> &deliver);
@@ -45,4 +47,7 @@ protected:
     std::deque<std::string> queue KAV_GUARDED_BY(*queueLock);
     KAV::AutoPtr<KAV::Lock> queueLock;                  ///< set once, before the thread starts
     std::size_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
+
+private:
+    void append(const std::string &message);
 };

@@ -1,5 +1,6 @@
 #include "nmea/gpspipeProcess.h"
 
+#include "support/CancelShield.h"
 #include "support/Thread.h"
 
 #include <array>
@@ -7,10 +8,10 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <dirent.h>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,25 +24,34 @@ constinit std::atomic<std::uint32_t> pipeInode{0};
 constinit std::mutex startLock;
 
 struct CloseFolder {
-    void operator()(DIR *folder) const { ::closedir(folder); }
+    void operator()(DIR *folder) const
+    {
+        const KAV::CancelShield shield;
+        ::closedir(folder);
+    }
 };
 
-bool writesTo(const std::string &pipe, pid_t process)
+/// True for a process of ours, the group included, since the inode's number may come round again, that has the pipe as
+/// its standard output. Allocates nothing: it must work while memory is out.
+bool writesTo(const char *pipe, pid_t process)
 {
-    const std::string link = "/proc/" + std::to_string(process) + "/fd/" + std::to_string(STDOUT_FILENO);
+    std::array<char, 64> link{};
     std::array<char, 64> target{};
-    return ::readlink(link.c_str(), target.data(), target.size() - 1) > 0 && pipe == target.data();
+    std::snprintf(link.data(), link.size(), "/proc/%d/fd/%d", process, STDOUT_FILENO);
+    return ::getpgid(process) == ::getpgrp() && ::readlink(link.data(), target.data(), target.size() - 1) > 0 &&
+           std::strcmp(pipe, target.data()) == 0;
 }
 
 /// Returns how many processes were sent `signal`.
 int signalWriters(int signal)
 {
     const std::unique_ptr<DIR, CloseFolder> processes(::opendir("/proc"));
-    const std::string pipe = "pipe:[" + std::to_string(pipeInode.load()) + "]";
+    std::array<char, 32> pipe{};
+    std::snprintf(pipe.data(), pipe.size(), "pipe:[%u]", pipeInode.load());
     int found = 0;
     while (const dirent *const entry = processes ? ::readdir(processes.get()) : nullptr) {
         const pid_t process = std::atoi(entry->d_name); // 0 for what is not a process
-        if (process > 0 && process != ::getpid() && writesTo(pipe, process) && ::kill(process, signal) == 0)
+        if (process > 0 && process != ::getpid() && writesTo(pipe.data(), process) && ::kill(process, signal) == 0)
             ++found;
     }
     return found;

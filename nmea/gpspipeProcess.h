@@ -6,12 +6,13 @@
 /// with `errno` set, when it cannot be started. The caller ends it with pclose(3). Thread: main.
 [[nodiscard]] std::FILE *startGpspipe(const char *command);
 
-/// Ends every process whose standard output is that pipe, gpspipe and the shell that popen puts in front of it:
-/// by SIGTERM, and by SIGKILL what is left after a fifth of a second. At once when there is none.
+/// Ends every process of our process group whose standard output is that pipe, gpspipe and the shell that popen puts in
+/// front of it: by SIGTERM, and by SIGKILL what is left after a fifth of a second. At once when there is none.
 ///
 /// Needed because popen keeps the process numbers to itself, and pclose waits for a gpspipe that, with a silent
 /// receiver, never notices that nobody reads any more.
-/// Any thread. Found through /proc (proc_pid_fd(5)); processes of other users are left alone.
+/// Any thread. Found through /proc (proc_pid_fd(5)): without it, or once gpspipe has closed its standard output and
+/// lives on, there is nobody to be found.
 void endGpspipe();
 
 /// Ends gpspipe, lets no other start, and ends the process at once with `status`, without the clean-up that

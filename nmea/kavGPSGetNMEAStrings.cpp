@@ -2,14 +2,20 @@
 
 #include "nmea/gpspipeProcess.h"
 #include "support/Logger.h"
+#include "support/ifMemoryAllows.h"
 
 #include <array>
 #include <cstdio>
+#include <memory>
 
 namespace {
 
 constexpr int endOfOutput = 0;
 constexpr int noLine = 32;
+
+struct ClosePipe {
+    void operator()(std::FILE *stream) const { ::pclose(stream); }
+};
 
 } // namespace
 
@@ -17,24 +23,22 @@ int kavGPSGetNMEAStrings(int timestamp, LineCallback callback, int interval, con
 {
     std::array<char, 128> command{};
     std::snprintf(command.data(), command.size(), "gpspipe %s-r", timestamp != 0 ? "-t " : "");
-    std::FILE *const stream = startGpspipe(command.data());
-    if (stream == nullptr) {
+    const std::unique_ptr<std::FILE, ClosePipe> stream(startGpspipe(command.data()));
+    if (!stream) {
         KAV_LOG(ERROR, "kavGPSGetNMEAStrings(): failed to popen stream for reading output of command '%s'\n",
                 command.data());
         return noLine;
     }
 
     std::array<char, 512> line;
-    while (std::feof(stream) == 0) {
-        if (std::fgets(line.data(), static_cast<int>(line.size()), stream) == nullptr) {
+    while (std::feof(stream.get()) == 0) {
+        if (std::fgets(line.data(), static_cast<int>(line.size()), stream.get()) == nullptr) {
             // Interrupted: pclose would wait for a gpspipe that may never write again.
-            if (std::feof(stream) == 0)
+            if (std::feof(stream.get()) == 0)
                 endGpspipe();
-            ::pclose(stream);
             return noLine;
         }
-        callback(line.data(), interval, decoration);
+        static_cast<void>(KAV::ifMemoryAllows([&] { callback(line.data(), interval, decoration); }));
     }
-    ::pclose(stream);
     return endOfOutput;
 }

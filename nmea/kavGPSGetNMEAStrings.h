@@ -7,7 +7,8 @@
 using LineCallback = int (*)(const char *line, int interval, const std::string *decoration);
 
 /// One run of the reader: starts gpspipe and hands every line of its output to `callback`, until the output
-/// ends or a caught signal interrupts a read. A line longer than 511 bytes arrives in pieces.
+/// ends or a caught signal interrupts a read. A line longer than 511 bytes arrives in pieces. A line for which
+/// `callback` has no memory is lost.
 ///
 /// `timestamp` not 0: gpspipe puts its time stamp in front of every line (-t). `interval` and `decoration` are
 /// passed on untouched. Returns 0 when the output ended in a line without line end, 32 when gpspipe could not

@@ -8,8 +8,8 @@
 
 namespace {
 
-/// Some 200 sentences; the longest regular group has nine.
-constexpr std::size_t longestGroup = 16UL * 1024;
+/// Bytes, some 3,000 sentences. The longest regular group has nine; only a source that never completes one gets here.
+constexpr std::size_t longestGroup = 256UL * 1024;
 
 } // namespace
 
@@ -52,14 +52,13 @@ bool nmeaDataSubject::collectGSV(const std::string &sentence, std::string &group
     if (gsvBuffer.size() + sentence.size() > longestGroup) {
         KAV_LOG(ERROR, "nmeaDataSubject::collectGSV() : no GSV group was completed within %u bytes: dropped\n",
                 static_cast<unsigned int>(longestGroup));
-        gsvBuffer.clear();
+        gsvBuffer = std::string(); // and its memory
     }
     gsvBuffer += sentence;
     group.clear();
     const std::vector<std::string> fields = KAV::Text::split(sentence, ',', 0);
     if (fields.size() < 4 || fields[1] != fields[2])
         return false;
-    group = gsvBuffer;
-    gsvBuffer.clear();
+    group.swap(gsvBuffer);
     return true;
 }

@@ -37,7 +37,7 @@ public:
     /// comma-separated fields are equal); `group` then holds all sentences gathered so far, and is empty
     /// otherwise.
     ///
-    /// Thread: main, no lock. What never completes goes out with the next group; beyond 16 KiB it is dropped
+    /// Thread: main, no lock. What never completes goes out with the next group; beyond 256 KiB it is dropped
     /// with an ERROR line, so that a source that never completes one cannot eat the memory.
     bool collectGSV(const std::string &sentence, std::string &group);
 

@@ -6,14 +6,59 @@
 #include "serial/write_all.h"
 #include "support/Descriptor.h"
 #include "support/Logger.h"
+#include "support/ifMemoryAllows.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/serial.h>
+#include <mutex>
 #include <sys/ioctl.h>
 
 namespace {
+
+/// The consumer whose body runs, null when there is none: the way to it for `endOutput`, as the library owns it.
+constinit SerialThread *running = nullptr;
+constinit std::mutex runningLock;
+
+/// Makes a consumer known as `running` for the length of a scope.
+class RunningScope {
+public:
+    explicit RunningScope(SerialThread *body) { set(body); }
+    RunningScope(const RunningScope &) = delete;
+    RunningScope &operator=(const RunningScope &) = delete;
+    ~RunningScope() { set(nullptr); }
+
+private:
+    static void set(SerialThread *body)
+    {
+        const std::lock_guard hold(runningLock);
+        running = body;
+    }
+};
+
+/// Cancels the running consumer. False when there is none, so that its port is closed.
+bool cancelRunning()
+{
+    const std::lock_guard hold(runningLock);
+    if (running != nullptr)
+        running->cancel();
+    return running != nullptr;
+}
+
+/// The open port. It is emptied before it is closed: the driver of a UART waits up to 30 s in close(2), or in the end
+/// of the process, for what a held or slow line has not taken (closing_wait, setserial(8)).
+class Port {
+public:
+    explicit Port(int opened) : descriptor(opened) {}
+    Port(const Port &) = delete;
+    Port &operator=(const Port &) = delete;
+    ~Port() { static_cast<void>(::tcflush(descriptor.get(), TCOFLUSH)); }
+    [[nodiscard]] int get() const { return descriptor.get(); }
+
+private:
+    const KAV::Descriptor descriptor;
+};
 
 void writeBatch(int port, const std::string &batch)
 {
@@ -52,15 +97,24 @@ SerialThread::~SerialThread()
 
 void SerialThread::execute()
 {
-    const KAV::Descriptor port(openOrEndProcess());
+    const RunningScope known(this); // until the port is closed
+    const Port port(openOrEndProcess());
     KAV_LOG(INFO, "serial port opened");
-    subject->attach(this);
+    while (!KAV::ifMemoryAllows([this] { subject->attach(this); }))
+        KAV::Thread::sleep(1000);
     configureLine(port.get());
     chooseStandard(port.get());
     deliverUntilExit([&port](const std::string &batch) {
         writeBatch(port.get(), batch);
         return true; // a line that fails may come back
     });
+}
+
+void SerialThread::endOutput()
+{
+    constexpr int rounds = 50; // bounded: a driver may hold the close in spite of all
+    for (int round = 0; round < rounds && cancelRunning(); ++round)
+        KAV::Thread::sleep(20);
 }
 
 int SerialThread::openOrEndProcess() const

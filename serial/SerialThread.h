@@ -22,6 +22,11 @@ public:
 
     void execute() override;
 
+    /// Ends this process's serial consumer, if one runs, whatever it is blocked in, and returns once its port is
+    /// closed, or after a second at most. What the line has not taken is thrown away. Thread: main or the stop thread,
+    /// at the end.
+    static void endOutput();
+
 private:
     [[nodiscard]] int openOrEndProcess() const;
     void configureLine(int port) const;

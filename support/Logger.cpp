@@ -5,11 +5,17 @@
 #include "support/ErrnoKeeper.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <paths.h>
 #include <poll.h>
 #include <string_view>
@@ -18,6 +24,7 @@
 #include <syslog.h>
 #include <type_traits>
 #include <unistd.h>
+#include <utility>
 
 namespace KAV {
 
@@ -45,35 +52,64 @@ bool somebodyListensOn(const char *path, int socketType)
     return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN;
 }
 
-[[gnu::format(printf, 1, 0)]] std::string format(const char *format, va_list values)
-{
-    va_list again;
-    va_copy(again, values);
-    const int length = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
-    std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, values);
-    return text;
-}
-
-bool isHarmless(char byte)
-{
-    const auto code = static_cast<unsigned char>(byte);
-    return (code >= 0x20 && code < 0x7f) || code >= 0xa0 || byte == '\r' || byte == '\n' || byte == '\t';
-}
-
-/// What a peer sent may stand in a message and must not drive the terminal that shows it.
-void appendPrintable(std::string &line, const std::string &text)
-{
-    for (const char byte : text) {
-        if (isHarmless(byte)) {
-            line += byte;
-            continue;
-        }
-        char code[sizeof "\\xNN"];
-        std::snprintf(code, sizeof code, "\\x%02X", static_cast<unsigned int>(static_cast<unsigned char>(byte)));
-        line += code;
+/// Room for a text: as much as was asked for, or, while memory is out, enough for the beginning of it.
+class Room {
+public:
+    explicit Room(std::size_t wanted)
+        : heap(wanted > sizeof small ? new (std::nothrow) char[wanted] : nullptr),
+          bytes(heap || wanted <= sizeof small ? wanted : sizeof small)
+    {
     }
+    [[nodiscard]] char *data() { return heap ? heap.get() : small; }
+    [[nodiscard]] std::size_t size() const { return bytes; }
+
+private:
+    char small[256];
+    std::unique_ptr<char[]> heap;
+    std::size_t bytes;
+};
+
+/// How many bytes at the beginning of `text`, which is not empty, are one character that may go to a terminal as it is;
+/// 0 for a byte that may not. A lone CR is none: it would let a peer's text overwrite the line that it stands in.
+std::size_t harmlessLength(std::string_view text)
+{
+    const auto at = [text](std::size_t index) { return static_cast<unsigned char>(text[index]); };
+    if (at(0) < 0x80) {
+        const bool endOfLine = text[0] == '\n' || (text[0] == '\r' && text.substr(1, 1) == "\n");
+        return (at(0) >= 0x20 && at(0) != 0x7f) || text[0] == '\t' || endOfLine ? 1 : 0;
+    }
+    // UTF-8 (RFC 3629): how long, the least code that needs this length, and no more than Unicode has.
+    const std::size_t length = at(0) >= 0xf0 ? 4 : at(0) >= 0xe0 ? 3 : 2;
+    constexpr std::array<std::uint32_t, 5> least{0, 0, 0xa0, 0x800, 0x10000}; // 0x80 to 0x9f are control codes
+    if (at(0) < 0xc2 || at(0) > 0xf4 || text.size() < length)
+        return 0;
+    std::uint32_t code = at(0) & (0x7fU >> length);
+    for (std::size_t index = 1; index < length; ++index) {
+        if ((at(index) & 0xc0U) != 0x80U)
+            return 0;
+        code = code << 6U | (at(index) & 0x3fU);
+    }
+    const bool surrogate = code >= 0xd800 && code <= 0xdfff;
+    return code >= least[length] && code <= 0x10ffff && !surrogate ? length : 0;
+}
+
+/// Writes `text` to `to`, as far as there is room, and what must not drive a terminal as \xNN. Returns its end.
+char *writeHarmless(std::string_view text, char *to, const char *end)
+{
+    constexpr std::size_t escaped = sizeof "\\xNN" - 1;
+    while (!text.empty()) {
+        const std::size_t length = harmlessLength(text);
+        const std::size_t needed = length > 0 ? length : escaped;
+        if (static_cast<std::size_t>(end - to) <= needed) // one more for the NUL of snprintf, or for the line end
+            break;
+        if (length > 0)
+            std::memcpy(to, text.data(), length);
+        else
+            std::snprintf(to, escaped + 1, "\\x%02X", static_cast<unsigned int>(static_cast<unsigned char>(text[0])));
+        to += needed;
+        text.remove_prefix(std::max<std::size_t>(length, 1));
+    }
+    return to;
 }
 
 int priorityOf(int level)
@@ -83,37 +119,71 @@ int priorityOf(int level)
     return level <= Logger::PrintLevel::INFO_LEVEL ? LOG_INFO : LOG_DEBUG;
 }
 
+/// What lines are written to. A terminal is opened anew for each: there a write that poll(2) has promised room for may
+/// block all the same, and O_NONBLOCK on the shared one would be everybody's.
+class LogStream {
+public:
+    LogStream() : terminal(::isatty(STDERR_FILENO) != 0 ? openTerminal() : -1) {}
+    [[nodiscard]] int get() const { return terminal.isOpen() ? terminal.get() : STDERR_FILENO; }
+
+private:
+    static int openTerminal() { return ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); }
+
+    const Descriptor terminal;
+};
+
 /// Whole lines, whatever the other threads write: a pipe keeps only short ones apart by itself (pipe(7)). A reader
 /// that takes nothing must hold nobody up: the line is lost then, and the next ones are not waited for.
 void writeToStderr(std::string_view line)
 {
     constexpr int patience = 100; // milliseconds
     static constinit bool stalled = false;
+    static constinit bool cut = false; ///< the last line lacks its end
     const std::lock_guard alone(stderrLock);
-    while (!line.empty()) {
-        pollfd reader{STDERR_FILENO, POLLOUT, 0};
+    const LogStream stream;
+    std::size_t missing = line.size();
+    while (missing > 0) {
+        pollfd reader{stream.get(), POLLOUT, 0};
         stalled = ::poll(&reader, 1, stalled ? 0 : patience) <= 0;
-        const ssize_t written =
-            stalled ? -1 : ::write(STDERR_FILENO, line.data(), std::min<std::size_t>(line.size(), PIPE_BUF));
+        if (stalled)
+            break;
+        const std::string_view next = cut ? "\n" : line.substr(line.size() - missing, PIPE_BUF);
+        const ssize_t written = ::write(stream.get(), next.data(), next.size());
         if (written <= 0)
-            return;
-        line.remove_prefix(static_cast<std::size_t>(written));
+            break;
+        if (!std::exchange(cut, false))
+            missing -= static_cast<std::size_t>(written);
     }
+    cut = cut || (missing > 0 && missing < line.size());
 }
 
-void emit(int level, const char *label, std::string text)
+void emit(int level, const char *label, std::string_view text)
 {
-    text.erase(text.find_last_not_of("\r\n") + 1);
-    std::string line = std::string(label) + ": ";
-    appendPrintable(line, text);
+    text = text.substr(0, text.find_last_not_of("\r\n") + 1);
+    const std::string_view name(label);
+    Room line(name.size() + sizeof ": " + text.size() * (sizeof "\\xNN" - 1) + sizeof "\n");
+    char *end = writeHarmless(name, line.data(), line.data() + line.size());
+    end = writeHarmless(": ", end, line.data() + line.size());
+    end = writeHarmless(text, end, line.data() + line.size());
 
     const CancelShield shield;
     if (state.mode == Logger::PRINT_SYSLOG) {
-        ::syslog(priorityOf(level), "%s", line.c_str());
+        ::syslog(priorityOf(level), "%.*s", static_cast<int>(end - line.data()), line.data());
         return;
     }
-    line += '\n';
-    writeToStderr(line);
+    *end++ = '\n';
+    writeToStderr({line.data(), static_cast<std::size_t>(end - line.data())});
+}
+
+[[gnu::format(printf, 3, 0)]] void emitFormatted(int level, const char *label, const char *format, va_list values)
+{
+    va_list again;
+    va_copy(again, values);
+    const int length = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    Room text(static_cast<std::size_t>(std::max(length, 0)) + 1);
+    const int made = std::vsnprintf(text.data(), text.size(), format, values);
+    emit(level, label, {text.data(), std::min(static_cast<std::size_t>(std::max(made, 0)), text.size() - 1)});
 }
 
 } // namespace
@@ -127,7 +197,7 @@ bool Logger::setup(const PrintMode &mode, const std::string &identity, const int
         if (!somebodyListensOn(_PATH_LOG, SOCK_DGRAM) && !somebodyListensOn(_PATH_LOG, SOCK_STREAM))
             return false;
         std::snprintf(state.identity, sizeof state.identity, "%s", identity.c_str());
-        ::openlog(state.identity, option, facility);
+        ::openlog(state.identity, option, facility != 0 ? facility : LOG_DAEMON); // 0 would be the kernel's
     }
     state.mode = mode;
     return true;
@@ -142,7 +212,7 @@ void Logger::printfGeneric(int level, const char *label, const char *format, ...
     const ErrnoKeeper keeper;
     va_list values;
     va_start(values, format);
-    emit(level, label, KAV::format(format, values));
+    emitFormatted(level, label, format, values);
     va_end(values);
 }
 
@@ -151,7 +221,7 @@ void Logger::printfError(const char *format, ...)
     const ErrnoKeeper keeper;
     va_list values;
     va_start(values, format);
-    emit(PrintLevel::ERROR_LEVEL, PrintLevel::ERROR_LABEL, KAV::format(format, values));
+    emitFormatted(PrintLevel::ERROR_LEVEL, PrintLevel::ERROR_LABEL, format, values);
     va_end(values);
 }
 

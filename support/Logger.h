@@ -9,7 +9,7 @@ namespace KAV {
 ///
 /// Thread: `setup` and `setPrintLevel` belong to the main thread before any other thread starts; the rest may
 /// be called from any thread at any time, also while the process exits. Errors: a message that cannot be
-/// delivered is lost. Every operation leaves `errno` as it was.
+/// delivered is lost; nothing is thrown. Every operation leaves `errno` as it was.
 class Logger {
 public:
     Logger() = delete;
@@ -35,7 +35,8 @@ public:
     /// Selects a destination that needs no set-up.
     static void setup(const PrintMode &mode);
 
-    /// Selects `mode`; for the system log with the three arguments of openlog(3), `identity` being copied.
+    /// Selects `mode`; for the system log with the three arguments of openlog(3), `identity` being copied and
+    /// `facility` 0 meaning none given, which is LOG_DAEMON.
     /// False, with nothing changed, when nobody listens on the system log's socket.
     static bool setup(const PrintMode &mode, const std::string &identity, const int &option, const int &facility);
 
@@ -45,9 +46,10 @@ public:
     /// True when a message of this level passes the threshold.
     [[nodiscard]] static bool isPrintable(int level);
 
-    /// Emits one message, whole, at this level's severity. Line ends at the end of the text are replaced by
-    /// exactly one; control bytes other than CR, LF and TAB, the eight-bit ones included, appear as \xNN. The
-    /// caller has asked `isPrintable`.
+    /// Emits one message, whole, at this level's severity. Line ends at the end of the text are replaced by exactly
+    /// one. LF, TAB, a CR in front of an LF and every valid UTF-8 character that is no control code pass as they are;
+    /// any other byte appears as \xNN. The caller has asked `isPrintable`.
+    /// While memory is out a long message goes out cut.
     [[gnu::format(printf, 3, 4)]] static void printfGeneric(int level, const char *label, const char *format, ...);
 
     /// Emits one message as an error, whatever the threshold.

@@ -132,6 +132,13 @@ void Thread::stop()
     ended.wait(hold, [this] { return !running; });
 }
 
+void Thread::cancel()
+{
+    const std::lock_guard hold(state);
+    if (running)
+        pthread_cancel(handle);
+}
+
 void Thread::wait()
 {
     std::unique_lock hold(state);

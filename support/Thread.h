@@ -13,7 +13,8 @@ namespace KAV {
 /// destructor calls `stop` when `isAlive`, before anything that the body uses goes away.
 ///
 /// SIGINT, SIGHUP, SIGPIPE and SIGALRM are blocked on the new thread: they belong to the main thread.
-/// Cancellation (`stop`) takes effect at the cancellation points of pthreads(7); bodies block in nothing else.
+/// Cancellation (`stop`, `cancel`) takes effect at the cancellation points of pthreads(7); bodies block in nothing
+/// else.
 class Thread {
 public:
     Thread(const Thread &) = delete;
@@ -36,6 +37,10 @@ public:
 
     /// The body.
     virtual void execute() = 0;
+
+    /// Ends the body as `stop` does, but does not wait for that, and leaves the object to its owner. REQUIRES: the
+    /// object still exists; one that belongs to the library may vanish as soon as its body has ended.
+    void cancel();
 
     /// Blocks until the body has returned; at once when it already has.
     void wait();

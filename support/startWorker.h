@@ -3,6 +3,7 @@
 #include "support/Logger.h"
 
 #include <exception>
+#include <new>
 #include <utility>
 
 namespace KAV {
@@ -14,10 +15,12 @@ template <typename Worker, typename... Arguments>
 {
     try {
         return new Worker(std::forward<Arguments>(arguments)...);
+    } catch (const std::bad_alloc &) {
+        KAV_LOG(ERROR, "out of memory: no thread was created\n");
     } catch (const std::exception &error) {
         KAV_LOG(ERROR, "%s\n", error.what());
-        return nullptr;
     }
+    return nullptr;
 }
 
 } // namespace KAV

@@ -1,5 +1,8 @@
 #include "harness.h"
 
+#include <sys/ioctl.h>
+#include <termios.h>
+
 struct Fault {
     std::string what;      ///< as faulty_navtwine takes it
     std::string line;      ///< what the log says; nothing when empty
@@ -10,18 +13,29 @@ struct Fault {
 
 class AnyCall : public testing::TestWithParam<Fault> {};
 
+static std::string allConsumers(const Listener &collector, const SerialLine &line)
+{
+    return "--server --server-port $PORT --server-passwd pw -e --interval 1 --gga --client-passwd pw --client"
+           " --client-remote-host 127.0.0.1 --client-port " +
+           std::to_string(collector.number) + " --serial " + line.device();
+}
+
+/// A program in which one call fails.
+struct FaultyProgram : Program {
+    FaultyProgram(const std::string &fault, const std::string &arguments, const std::string &gpspipeBody)
+        : Program((::setenv("FAULT", fault.c_str(), 1), arguments), gpspipeBody)
+    {
+        ::unsetenv("FAULT");
+    }
+};
+
 /// The log tells, every consumer but the lost one gets its stream, nothing stays open, the end is in order.
 TEST_P(AnyCall, mayFailOnce)
 {
     const Fault &fault = GetParam();
-    ::setenv("FAULT", fault.what.c_str(), 1);
     const Listener collector;
     SerialLine line;
-    Program program("--server --server-port $PORT --server-passwd pw -e --interval 1 --gga --client-passwd pw"
-                    " --client --client-remote-host 127.0.0.1 --client-port " +
-                        std::to_string(collector.number) + " --serial " + line.device(),
-                    "while echo '$GPGGA,1'; do sleep 0.2; done");
-    ::unsetenv("FAULT");
+    FaultyProgram program(fault.what, allConsumers(collector, line), "while echo '$GPGGA,1'; do sleep 0.2; done");
     const auto streams = [](Peer &peer) { return peer.readUntil("A,1").find("A,1") != std::string::npos; };
     Peer client(-1);
     Peer uplink(-1);
@@ -61,11 +75,11 @@ TEST_P(AnyCall, mayFailOnce)
     EXPECT_EQ(output.find(disconnected) != output.npos, fault.line == disconnected);
 }
 
-const char *const program = "faulty_navtwine";
-const char *const server = "main-server-thr";
-const char *const handler = "client-handler-";
-const char *const uplink = "main client-thr";
-const char *const serial = "main serial-thr";
+const char *const onMain = "faulty_navtwine";
+const char *const onServer = "main-server-thr";
+const char *const onHandler = "client-handler-";
+const char *const onUplink = "main client-thr";
+const char *const onSerial = "main serial-thr";
 
 const struct {
     std::string thread; ///< as the system names it
@@ -75,40 +89,40 @@ const struct {
     std::string line = "";
     std::string_view lost = "";
 } groups[] = {
-    {program, {"open64", "getrlimit64", "setrlimit64", "poll", "write", "fstat64", "eventfd"}, 0, {EMFILE}},
-    {program, {"fgets"}, 1, {EINTR}},
-    {program, {"popen"}, 0, {EMFILE}, "failed to popen stream for reading output of command 'gpspipe -r'"},
-    {program, {"pthread_create"}, 0, {EAGAIN}, "'navtwine main-server-thread': Resource", "server"},
-    {program, {"pthread_create"}, 1, {EAGAIN}, "'navtwine main client-thread': Resource", "uplink"},
-    {program, {"pthread_create"}, 2, {EAGAIN}, "'navtwine main serial-thread': Resource", "serial"},
-    {program, {"pthread_create"}, 3, {EAGAIN}, "'navtwine stop-thread': Resource"},
-    {server, {"socket"}, 0, {EMFILE}, "ERROR: socket() failed returning invalid descriptor: -1\n", "server"},
-    {server, {"setsockopt", "getrlimit64"}, 0, {ENOBUFS}},
-    {server, {"setsockopt"}, 1, {ENOMEM}, "ERROR: setsockopt() failed for socket descriptor: ", "server"},
-    {server, {"bind", "listen"}, 0, {EADDRINUSE}, "() failed for socket descriptor: ", "server"},
-    {server, {"socket"}, 1, {EMFILE}, "ERROR: no client is accepted until a descriptor is free: error code: 24"},
-    {server, {"poll"}, 1, {ENOMEM}},
-    {server, {"accept4"}, 0, {EINTR, EAGAIN, ECONNABORTED, EMFILE}},
-    {server, {"pthread_create"}, 0, {EAGAIN}, "'navtwine client-handler-thread for socket descriptor: "},
-    {handler, {"send"}, 0, {EPIPE}, "ERROR: send() of [PASSWORD_PROMPT] failed with error code: 32 : Broken pipe\n"},
-    {handler, {"send"}, 1, {EPIPE}, "ERROR: send() of [PASSWORD_OK] failed with error code: 32 : Broken pipe\n"},
-    {handler, {"send"}, 2, {EAGAIN, EINTR}, "ERROR: send() of [NMEA STRING DATA] failed for client: "},
-    {handler, {"send"}, 2, {ENOBUFS, EPIPE}, "client is unreachable"},
-    {handler, {"send"}, 2, {0}},
-    {handler, {"recv"}, 0, {EINTR, EAGAIN}},
-    {handler, {"recv", "poll"}, 1, {ECONNRESET}, "ERROR: read_line_from_socket() failed or timed out\n"},
-    {uplink, {"gethostbyname2_r", "socket", "connect"}, 0, {EMFILE}, "() failed with error code: "},
-    {uplink, {"setsockopt"}, 0, {ENOBUFS}},
-    {uplink, {"recv"}, 0, {ECONNRESET}, "while listening for a [PASSWORD PROMPT] message\n"},
-    {uplink, {"recv"}, 1, {EINTR}},
-    {uplink, {"recv"}, 12, {ECONNRESET}, "while listening for a [PASSWORD OK] message\n"},
-    {uplink, {"send"}, 0, {EPIPE}, "send() of [PASSWORD SECRET] failed : error code = 32 : Broken pipe\n"},
-    {uplink, {"send"}, 1, {EAGAIN, EINTR, ENOBUFS, EPIPE}, "ERROR: send() of [NMEA STRING DATA] failed : error code"},
-    {uplink, {"send"}, 1, {0}},
-    {serial, {"tcgetattr", "tcsetattr", "tcflush"}, 0, {EIO}},
-    {serial, {"ioctl"}, 0, {EIO}, "ERROR: RS485 configurating error. errno:5 - Input/output error\n"},
-    {serial, {"write"}, 3, {EIO}, "ERROR: serial write() of [NMEA STRING DATA] failed : error code = 5 : Input"},
-    {serial, {"write"}, 3, {EINTR, 0}},
+    {onMain, {"open64", "getrlimit64", "setrlimit64", "poll", "write", "fstat64", "eventfd"}, 0, {EMFILE}},
+    {onMain, {"fgets"}, 1, {EINTR}},
+    {onMain, {"popen"}, 0, {EMFILE}, "failed to popen stream for reading output of command 'gpspipe -r'"},
+    {onMain, {"pthread_create"}, 0, {EAGAIN}, "'navtwine main-server-thread': Resource", "server"},
+    {onMain, {"pthread_create"}, 1, {EAGAIN}, "'navtwine main client-thread': Resource", "uplink"},
+    {onMain, {"pthread_create"}, 2, {EAGAIN}, "'navtwine main serial-thread': Resource", "serial"},
+    {onMain, {"pthread_create"}, 3, {EAGAIN}, "'navtwine stop-thread': Resource"},
+    {onServer, {"socket"}, 0, {EMFILE}, "ERROR: socket() failed returning invalid descriptor: -1\n", "server"},
+    {onServer, {"setsockopt", "getrlimit64"}, 0, {ENOBUFS}},
+    {onServer, {"setsockopt"}, 1, {ENOMEM}, "ERROR: setsockopt() failed for socket descriptor: ", "server"},
+    {onServer, {"bind", "listen"}, 0, {EADDRINUSE}, "() failed for socket descriptor: ", "server"},
+    {onServer, {"socket"}, 1, {EMFILE}, "ERROR: no client is accepted until a descriptor is free: error code: 24"},
+    {onServer, {"poll"}, 1, {ENOMEM}},
+    {onServer, {"accept4"}, 0, {EINTR, EAGAIN, ECONNABORTED, EMFILE}},
+    {onServer, {"pthread_create"}, 0, {EAGAIN}, "'navtwine client-handler-thread for socket descriptor: "},
+    {onHandler, {"send"}, 0, {EPIPE}, "ERROR: send() of [PASSWORD_PROMPT] failed with error code: 32 : Broken pipe\n"},
+    {onHandler, {"send"}, 1, {EPIPE}, "ERROR: send() of [PASSWORD_OK] failed with error code: 32 : Broken pipe\n"},
+    {onHandler, {"send"}, 2, {EAGAIN, EINTR}, "ERROR: send() of [NMEA STRING DATA] failed for client: "},
+    {onHandler, {"send"}, 2, {ENOBUFS, EPIPE}, "client is unreachable"},
+    {onHandler, {"send"}, 2, {0}},
+    {onHandler, {"recv"}, 0, {EINTR, EAGAIN}},
+    {onHandler, {"recv", "poll"}, 1, {ECONNRESET}, "ERROR: read_line_from_socket() failed or timed out\n"},
+    {onUplink, {"gethostbyname2_r", "socket", "connect"}, 0, {EMFILE}, "() failed with error code: "},
+    {onUplink, {"setsockopt"}, 5, {ENOBUFS}}, // the send buffer and five for dead peers
+    {onUplink, {"recv"}, 0, {ECONNRESET}, "while listening for a [PASSWORD PROMPT] message\n"},
+    {onUplink, {"recv"}, 1, {EINTR}},
+    {onUplink, {"recv"}, 12, {ECONNRESET}, "while listening for a [PASSWORD OK] message\n"},
+    {onUplink, {"send"}, 0, {EPIPE}, "send() of [PASSWORD SECRET] failed : error code = 32 : Broken pipe\n"},
+    {onUplink, {"send"}, 1, {EAGAIN, EINTR, ENOBUFS, EPIPE}, "ERROR: send() of [NMEA STRING DATA] failed : error code"},
+    {onUplink, {"send"}, 1, {0}},
+    {onSerial, {"tcgetattr", "tcsetattr", "tcflush"}, 0, {EIO}},
+    {onSerial, {"ioctl"}, 0, {EIO}, "ERROR: RS485 configurating error. errno:5 - Input/output error\n"},
+    {onSerial, {"write"}, 3, {EIO}, "ERROR: serial write() of [NMEA STRING DATA] failed : error code = 5 : Input"},
+    {onSerial, {"write"}, 3, {EINTR, 0}},
     {"stop-thread", {"opendir"}, 0, {EMFILE}},
 };
 
@@ -123,3 +137,94 @@ static std::vector<Fault> faults()
     return all;
 }
 INSTANTIATE_TEST_SUITE_P(Faults, AnyCall, testing::ValuesIn(faults()));
+
+class AnyThread : public testing::TestWithParam<const char *> {};
+
+/// Memory that is out for a while costs messages and log lines; of the connections only the newest may be lost.
+TEST_P(AnyThread, outlivesMemoryThatIsOut)
+{
+    const Listener collector;
+    SerialLine line;
+    FaultyProgram program(
+        std::string(GetParam()) + "|operator new", allConsumers(collector, line),
+        R"(while :; do echo "\$GPGGA,$(cat again),a sentence that a string has no room of its own for"; sleep 0.2; done)");
+    Peer uplink = collector.accept();
+    uplink.send("PASSWORD\r\nOK\r\n");
+    Peer client = loggedIn(program.port, "pw\r\n");
+    for (Peer *const consumer : {&uplink, &client, static_cast<Peer *>(&line)})
+        EXPECT_THAT(consumer->readUntil("own for"), HasSubstr("$GPGGA,,"));
+
+    std::ofstream(program.folder / "out-of-memory");
+    const Peer newcomer(program.port);
+    EXPECT_TRUE(program.says("[operator new fails]\n"));
+    std::this_thread::sleep_for(2s); // the failure lasts: every consumer looks at its mailbox meanwhile
+    fs::remove(program.folder / "out-of-memory");
+
+    std::ofstream(program.folder / "again") << "again";
+    Peer another = loggedIn(program.port, "pw\r\n");
+    for (Peer *const consumer : {&uplink, &client, static_cast<Peer *>(&line), &another})
+        EXPECT_THAT(consumer->readUntil("again"), HasSubstr("$GPGGA,again"));
+    EXPECT_EQ(program.interrupt(), 0);
+    EXPECT_THAT(program.output(), Not(testing::ContainsRegex("terminate|thread 'navtwine main")));
+}
+INSTANTIATE_TEST_SUITE_P(Faults, AnyThread, testing::Values(onMain, onServer, onHandler, onUplink, onSerial));
+
+TEST(Program, failsWhenNothingThatIsWantedStarts)
+{
+    FaultyProgram program("faulty_navtwine|pthread_create|0|11", "-e --server --server-port $PORT", "exit 1");
+    EXPECT_EQ(program.wait(), 1);
+    EXPECT_THAT(program.output(), HasSubstr("ERROR: pthread_create() failed for thread 'navtwine main-server-thread'"));
+}
+
+/// A busy log socket is there: EAGAIN.
+TEST(Logger, filesMessagesAsADaemonsByTheirLevel)
+{
+    FaultyProgram program("faulty_navtwine|connect|0|11", "--loglevel 50 --serial /dev/none", "exit 1");
+    EXPECT_EQ(program.wait(), 1);
+    EXPECT_THAT(program.output(), HasSubstr("[openlog 24]\n[syslog 6]INFO: Starting executable: "));
+    EXPECT_THAT(program.output(), HasSubstr("[syslog 3]ERROR: failed to open /dev/none: errno: 2\n"));
+}
+
+/// Six fit into the kernel's queue; the seventh `accept` finds it empty, and only then the first handler is made.
+TEST(Server, takesAllThatWaitBeforeItMakesAHandler)
+{
+    FaultyProgram program("main-server-thr|accept4|6|11", "-e --server --server-port $PORT --gga", "exec sleep 1000");
+    EXPECT_TRUE(program.says("waiting for client connections...\n"));
+    ::kill(program.pid, SIGSTOP);
+    std::vector<Peer> clients;
+    while (clients.size() < 6)
+        clients.emplace_back(program.port);
+    ::kill(program.pid, SIGCONT);
+    const std::string handlers =
+        "INFO: A remote client is trying to connect.\nINFO: waiting for client connections...\n";
+    std::string expected = "[accept4 fails]\n";
+    for (const Peer &client : clients)
+        expected += client.socket.isOpen() ? handlers : "";
+    EXPECT_TRUE(program.says(expected)) << program.output();
+}
+
+/// Idle, blocked in `write`, and ended the hard way because a system log that takes nothing holds the server, and so
+/// main.
+TEST(SerialLine, isEmptiedOnEveryRoadToTheEnd)
+{
+    const std::string flood = "yes \"$(printf '$GPGGA,%0480d' 0)\"";
+    const std::tuple<std::string, std::string, bool> cases[] = {
+        {"exec sleep 1000", "-e --serial ", false},
+        {flood, "-e --serial ", false},
+        {flood, "--server --server-port $PORT --serial ", true},
+    };
+    for (const auto &[gpspipe, options, hardEnd] : cases) {
+        const SerialLine line; // that nobody reads
+        FaultyProgram program("faulty_navtwine|connect|0|11", "--interval 1 --gga " + options + line.device(), gpspipe);
+        EXPECT_TRUE(program.says("RS485 configurating error"));
+        EXPECT_TRUE(gpspipe != flood || eventually([&line] {
+                        int held = 0;
+                        return ::ioctl(line.socket.get(), FIONREAD, &held) == 0 && held >= 4000;
+                    }));
+        std::ofstream(program.folder / "stalled-log");
+        const Peer client = hardEnd ? Peer(program.port) : Peer(-1);
+        EXPECT_EQ(program.interrupt(), 0) << options;
+        EXPECT_THAT(program.output(), HasSubstr("[tcflush " + std::to_string(TCOFLUSH) + "]\n")) << options;
+        EXPECT_EQ(program.output().find("execution complete") == std::string::npos, hardEnd) << options;
+    }
+}

@@ -60,6 +60,14 @@ TEST(Program, startsGpspipeAgainWithoutOurSockets)
     EXPECT_THAT(collector.readUntil("\n"), StartsWith("$GPGGA,-r 0\n"));
 }
 
+TEST(Program, leavesStrangersAlone)
+{
+    Program program(server, "setsid sh -c 'echo $$ >pid; exec sleep 1000' & exec sleep 1000");
+    EXPECT_TRUE(eventually([&] { return program.gpspipe() != 0; })); // not gpspipe, which has the same pipe
+    EXPECT_EQ(program.interrupt(), 0);
+    EXPECT_EQ(::kill(program.gpspipe(), SIGKILL), 0) << "of another process group";
+}
+
 TEST(Program, daemonizes)
 {
     Program program("--server --server-port $PORT --daemonize", "echo $$ > pid; exec sleep 1000");

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <pthread.h>
 #include <string_view>
 #include <unistd.h>
@@ -17,11 +18,21 @@ using namespace std::chrono_literals;
 /// Under valgrind or an emulator the main thread would bear that one's name.
 [[maybe_unused]] static const int named = ::pthread_setname_np(::pthread_self(), "faulty_navtwine");
 
+static char faultyThread[16] = {};
+static char faultyCall[32] = {};
+
+/// Whether FAULT means this thread's calls of `symbol`. Only a part of the symbol is named: "setsockopt" is
+/// "__setsockopt64" on 32-bit machines.
+static bool isMeant(std::string_view symbol)
+{
+    char thread[sizeof faultyThread];
+    ::pthread_getname_np(::pthread_self(), thread, sizeof thread);
+    return faultyCall[0] != '\0' && symbol.find(faultyCall) != symbol.npos && std::string_view(thread) == faultyThread;
+}
+
 /// Whether this call of `symbol` is the one.
 static bool fails(std::string_view symbol)
 {
-    static char faultyThread[16] = {};
-    static char faultyCall[32] = {};
     static std::atomic<int> skipped = 0;
     static const int error = [] {
         int skip = 0;
@@ -31,16 +42,25 @@ static bool fails(std::string_view symbol)
         skipped = skip;
         return code;
     }();
-    char thread[sizeof faultyThread];
-    ::pthread_getname_np(::pthread_self(), thread, sizeof thread);
-    // Only a part of the symbol: "setsockopt" is "__setsockopt64" on 32-bit machines.
-    const bool meant = symbol.find(faultyCall) != symbol.npos && std::string_view(thread) == faultyThread;
-    if (!meant || skipped-- != 0)
+    if (!isMeant(symbol) || skipped-- != 0)
         return false;
     ::dprintf(STDERR_FILENO, "[%s fails]\n", faultyCall);
     errno = error;
     return true;
 }
+
+/// The one call that fails for a while: as long as there is a file "out-of-memory" in the current folder. Small
+/// requests go well: what is short enough for a string's own room does not get here either.
+void *operator new(std::size_t size)
+{
+    if (size >= 24 && isMeant("operator new") && ::access("out-of-memory", F_OK) == 0) {
+        ::dprintf(STDERR_FILENO, "[operator new fails]\n");
+        throw std::bad_alloc();
+    }
+    return std::malloc(size);
+}
+void operator delete(void *memory) noexcept { std::free(memory); }
+void operator delete(void *memory, std::size_t) noexcept { std::free(memory); }
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker makes these names.
 
@@ -78,10 +98,35 @@ FAILING(setrlimit64, -1);
 FAILING(setsockopt, -1);
 FAILING(__setsockopt64, -1);
 FAILING(socket, -1);
-FAILING(tcflush, -1);
 FAILING(tcgetattr, -1);
 FAILING(tcsetattr, -1);
 FAILING(write, -1);
+
+/// Says which queue is flushed.
+extern "C" int __real_tcflush(int port, int queue);
+extern "C" int __wrap_tcflush(int port, int queue)
+{
+    ::dprintf(STDERR_FILENO, "[tcflush %d]\n", queue);
+    return fails("tcflush") ? -1 : __real_tcflush(port, queue);
+}
+
+/// What goes to the system log stands on standard error instead, with what decides where it would be filed. As long as
+/// there is a file "stalled-log" in the current folder, it takes nothing.
+extern "C" void __wrap_openlog(const char *, int, int facility)
+{
+    ::dprintf(STDERR_FILENO, "[openlog %d]\n", facility);
+}
+extern "C" void __wrap_syslog(int priority, const char *, int size, const char *text)
+{
+    while (::access("stalled-log", F_OK) == 0)
+        ::usleep(10'000);
+    ::dprintf(STDERR_FILENO, "[syslog %d]%.*s\n", priority, size, text);
+}
+/// What `syslog` is called where functions are fortified.
+extern "C" void __wrap___syslog_chk(int priority, int, const char *format, int size, const char *text)
+{
+    __wrap_syslog(priority, format, size, text);
+}
 
 /// Nothing sleeps for longer than a second here, and time passes ten times as fast.
 extern "C" void __real__ZN3KAV6Thread5sleepEj(unsigned int milliseconds);
