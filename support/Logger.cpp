@@ -64,7 +64,7 @@ public:
     [[nodiscard]] std::size_t size() const { return bytes; }
 
 private:
-    char small[256];
+    char small[256] = {};
     std::unique_ptr<char[]> heap;
     std::size_t bytes;
 };

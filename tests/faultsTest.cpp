@@ -156,7 +156,7 @@ TEST_P(AnyThread, outlivesMemoryThatIsOut)
 
     std::ofstream(program.folder / "out-of-memory");
     const Peer newcomer(program.port);
-    EXPECT_TRUE(program.says("[operator new fails]\n"));
+    EXPECT_TRUE(newcomer.socket.isOpen() && program.says("[operator new fails]\n"));
     std::this_thread::sleep_for(2s); // the failure lasts: every consumer looks at its mailbox meanwhile
     fs::remove(program.folder / "out-of-memory");
 

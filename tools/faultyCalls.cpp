@@ -11,6 +11,7 @@
 #include <new>
 #include <pthread.h>
 #include <string_view>
+#include <thread>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -119,7 +120,7 @@ extern "C" void __wrap_openlog(const char *, int, int facility)
 extern "C" void __wrap_syslog(int priority, const char *, int size, const char *text)
 {
     while (::access("stalled-log", F_OK) == 0)
-        ::usleep(10'000);
+        std::this_thread::sleep_for(10ms);
     ::dprintf(STDERR_FILENO, "[syslog %d]%.*s\n", priority, size, text);
 }
 /// What `syslog` is called where functions are fortified.
