@@ -1,7 +1,9 @@
 #include "app/prepareProcess.h"
 
 #include "support/Descriptor.h"
+#include "support/Thread.h"
 #include "support/exitRequested.h"
+#include "support/startWorker.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -9,6 +11,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <malloc.h>
+#include <memory>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -34,6 +37,15 @@ void raiseDescriptorLimit()
     }
 }
 
+/// The first cancellation of a thread loads what unwinds it (libgcc_s), and glibc ends the process when there is no
+/// memory for that: once, therefore, while there is some.
+class Rehearsal : public KAV::Thread {
+public:
+    Rehearsal() : KAV::Thread("navtwine rehearsal", true) { KAV::Thread::start(); }
+    ~Rehearsal() override { KAV::Thread::stop(); }
+    void execute() override { KAV::Thread::sleep(1000); }
+};
+
 } // namespace
 
 void prepareProcess()
@@ -41,6 +53,7 @@ void prepareProcess()
     openStandardStreams();
     raiseDescriptorLimit();
     makeExitEvent();
+    const std::unique_ptr<Rehearsal> ended(KAV::startWorker<Rehearsal>());
     // Messages are small and brief: an arena a thread costs memory with nothing to show for it.
     ::mallopt(M_ARENA_MAX, 1);
 }

@@ -24,6 +24,9 @@ constexpr int trimAfter = 30'000;
 
 constexpr int retryPause = 1000; ///< milliseconds; retry interval while a failure persists
 
+/// Clients taken and not handed out: a bound to one look, should more come without end.
+constexpr std::size_t mostTaken = 1024;
+
 /// Two for the pipe of the next gpspipe, two for the uplink's socket and its resolver.
 constexpr rlim_t reservedDescriptors = 4;
 
@@ -73,16 +76,12 @@ bool awaitDescriptor()
 
 Descriptor Arrivals::next()
 {
-    if (taken.empty() && !awaitClient())
+    if (taken.empty() && !(awaitClient() && takeOne()))
         return {};
-    takeWaiting();
-    if (taken.empty())
-        return {};
-    Descriptor connection = std::move(taken[handedOut++]);
-    if (handedOut == taken.size()) {
-        taken = std::vector<Descriptor>();
-        handedOut = 0;
+    while (taken.size() < mostTaken && exitRequested == 0 && probeForDescriptor() == 0 && takeOne()) {
     }
+    Descriptor connection = std::move(taken.front());
+    taken.erase(taken.begin());
     return connection;
 }
 
@@ -96,22 +95,20 @@ bool Arrivals::awaitClient() const
     return false;
 }
 
-void Arrivals::takeWaiting()
-{
-    while (probeForDescriptor() == 0 && takeOne()) {
-    }
-}
-
-/// False when nobody waits any more, or `accept` failed otherwise.
+/// False when nobody waits any more, or `accept` failed otherwise. A client for whom there is no memory goes on
+/// waiting.
 bool Arrivals::takeOne()
 {
-    Descriptor connection(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
-    if (!connection.isOpen()) {
-        if (taken.empty() && isPersistent(errno))
-            KAV::Thread::sleep(retryPause);
+    if (!KAV::ifMemoryAllows([this] { taken.emplace_back(); })) {
+        KAV_LOG(ERROR, "out of memory: no client is accepted\n");
+        KAV::Thread::sleep(retryPause);
         return false;
     }
-    if (!KAV::ifMemoryAllows([&] { taken.push_back(std::move(connection)); }))
-        KAV_LOG(ERROR, "out of memory: a client's connection is closed\n");
-    return true;
+    taken.back().reset(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    if (taken.back().isOpen())
+        return true;
+    taken.pop_back();
+    if (taken.empty() && isPersistent(errno))
+        KAV::Thread::sleep(retryPause);
+    return false;
 }

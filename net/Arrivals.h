@@ -2,7 +2,6 @@
 
 #include "support/Descriptor.h"
 
-#include <cstddef>
 #include <vector>
 
 /// The clients of one listening socket that are accepted and still wait for their handlers, in the order in which they
@@ -26,10 +25,8 @@ public:
 
 private:
     [[nodiscard]] bool awaitClient() const;
-    void takeWaiting();
     [[nodiscard]] bool takeOne();
 
     const int listener;
     std::vector<KAV::Descriptor> taken;
-    std::size_t handedOut = 0; ///< of `taken`, from its beginning
 };

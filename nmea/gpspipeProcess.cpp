@@ -82,7 +82,8 @@ void endGpspipe()
 
 void exitWithoutGpspipe(int status)
 {
-    startLock.lock(); // for good: the main thread may be about to start another
+    const KAV::CancelShield shield; // this end is decided
+    startLock.lock();               // for good: the main thread may be about to start another
     endGpspipe();
     ::_exit(status);
 }

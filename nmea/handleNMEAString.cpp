@@ -26,14 +26,15 @@ int handleNMEAString(const char *line, int interval, const std::string *decorati
         return 0;
 
     nmeaDataSubject *const subject = nmeaDataSubject::getInstance();
+    const std::string message = decorated(*decoration, text); // before the gate: without memory no interval is used up
     if (*type == SentenceType::GSV) {
         // Gathered even while GSV is switched off or not due, so that a group never begins in its middle.
         std::string group;
-        const bool complete = subject->collectGSV(decorated(*decoration, text), group);
+        const bool complete = subject->collectGSV(message, group);
         if (complete && isSentenceDue(filterOf(*type), now, interval))
             subject->notify(group);
     } else if (isSentenceDue(filterOf(*type), now, interval)) {
-        subject->notify(decorated(*decoration, text));
+        subject->notify(message);
     }
     return 0;
 }

@@ -54,9 +54,9 @@ bool nmeaDataSubject::collectGSV(const std::string &sentence, std::string &group
                 static_cast<unsigned int>(longestGroup));
         gsvBuffer = std::string(); // and its memory
     }
+    const std::vector<std::string> fields = KAV::Text::split(sentence, ',', 0);
     gsvBuffer += sentence;
     group.clear();
-    const std::vector<std::string> fields = KAV::Text::split(sentence, ',', 0);
     if (fields.size() < 4 || fields[1] != fields[2])
         return false;
     group.swap(gsvBuffer);

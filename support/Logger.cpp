@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdarg>
 #include <cstdint>
@@ -20,6 +21,7 @@
 #include <poll.h>
 #include <string_view>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <syslog.h>
 #include <type_traits>
@@ -119,36 +121,54 @@ int priorityOf(int level)
     return level <= Logger::PrintLevel::INFO_LEVEL ? LOG_INFO : LOG_DEBUG;
 }
 
-/// What lines are written to. A terminal is opened anew for each: there a write that poll(2) has promised room for may
-/// block all the same, and O_NONBLOCK on the shared one would be everybody's.
+/// What lines are written to. A terminal or a pipe is opened anew for each: a write that poll(2) has promised room for
+/// may block there all the same, and O_NONBLOCK on the shared one would be everybody's.
 class LogStream {
 public:
-    LogStream() : terminal(::isatty(STDERR_FILENO) != 0 ? openTerminal() : -1) {}
-    [[nodiscard]] int get() const { return terminal.isOpen() ? terminal.get() : STDERR_FILENO; }
+    LogStream() : own(isTerminalOrPipe() ? ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1)
+    {
+    }
+    [[nodiscard]] int get() const { return own.isOpen() ? own.get() : STDERR_FILENO; }
 
 private:
-    static int openTerminal() { return ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC); }
+    static bool isTerminalOrPipe()
+    {
+        struct stat status {};
+        return ::fstat(STDERR_FILENO, &status) == 0 && (S_ISCHR(status.st_mode) || S_ISFIFO(status.st_mode));
+    }
 
-    const Descriptor terminal;
+    const Descriptor own;
 };
+
+/// Waits until `stream` takes something; false when it does not before `deadline`.
+bool isWritable(int stream, std::chrono::steady_clock::time_point deadline)
+{
+    pollfd reader{stream, POLLOUT, 0};
+    int ready = 0;
+    do {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        ready = ::poll(&reader, 1, static_cast<int>(std::max<std::int64_t>(left.count(), 0)));
+    } while (ready < 0 && errno == EINTR);
+    return ready > 0;
+}
 
 /// Whole lines, whatever the other threads write: a pipe keeps only short ones apart by itself (pipe(7)). A reader
 /// that takes nothing must hold nobody up: the line is lost then, and the next ones are not waited for.
 void writeToStderr(std::string_view line)
 {
-    constexpr int patience = 100; // milliseconds
+    constexpr std::chrono::milliseconds patience{100};
     static constinit bool stalled = false;
     static constinit bool cut = false; ///< the last line lacks its end
     const std::lock_guard alone(stderrLock);
     const LogStream stream;
+    const auto deadline = std::chrono::steady_clock::now() + (stalled ? std::chrono::milliseconds{0} : patience);
     std::size_t missing = line.size();
-    while (missing > 0) {
-        pollfd reader{stream.get(), POLLOUT, 0};
-        stalled = ::poll(&reader, 1, stalled ? 0 : patience) <= 0;
-        if (stalled)
-            break;
+    while (missing > 0 && (stalled = !isWritable(stream.get(), deadline)) == false) {
         const std::string_view next = cut ? "\n" : line.substr(line.size() - missing, PIPE_BUF);
         const ssize_t written = ::write(stream.get(), next.data(), next.size());
+        if (written < 0 && errno == EINTR)
+            continue;
         if (written <= 0)
             break;
         if (!std::exchange(cut, false))

@@ -38,8 +38,8 @@ public:
     /// The body.
     virtual void execute() = 0;
 
-    /// Ends the body as `stop` does, but does not wait for that, and leaves the object to its owner. REQUIRES: the
-    /// object still exists; one that belongs to the library may vanish as soon as its body has ended.
+    /// Ends the body as `stop` does, but does not wait for that. An object of the library's is not deleted then: only
+    /// for the end of the process. REQUIRES: the object exists; one of the library's does as long as its body runs.
     void cancel();
 
     /// Blocks until the body has returned; at once when it already has.

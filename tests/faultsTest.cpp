@@ -92,10 +92,11 @@ const struct {
     {onMain, {"open64", "getrlimit64", "setrlimit64", "poll", "write", "fstat64", "eventfd"}, 0, {EMFILE}},
     {onMain, {"fgets"}, 1, {EINTR}},
     {onMain, {"popen"}, 0, {EMFILE}, "failed to popen stream for reading output of command 'gpspipe -r'"},
-    {onMain, {"pthread_create"}, 0, {EAGAIN}, "'navtwine main-server-thread': Resource", "server"},
-    {onMain, {"pthread_create"}, 1, {EAGAIN}, "'navtwine main client-thread': Resource", "uplink"},
-    {onMain, {"pthread_create"}, 2, {EAGAIN}, "'navtwine main serial-thread': Resource", "serial"},
-    {onMain, {"pthread_create"}, 3, {EAGAIN}, "'navtwine stop-thread': Resource"},
+    {onMain, {"pthread_create"}, 0, {EAGAIN}, "'navtwine rehearsal': Resource"},
+    {onMain, {"pthread_create"}, 1, {EAGAIN}, "'navtwine main-server-thread': Resource", "server"},
+    {onMain, {"pthread_create"}, 2, {EAGAIN}, "'navtwine main client-thread': Resource", "uplink"},
+    {onMain, {"pthread_create"}, 3, {EAGAIN}, "'navtwine main serial-thread': Resource", "serial"},
+    {onMain, {"pthread_create"}, 4, {EAGAIN}, "'navtwine stop-thread': Resource"},
     {onServer, {"socket"}, 0, {EMFILE}, "ERROR: socket() failed returning invalid descriptor: -1\n", "server"},
     {onServer, {"setsockopt", "getrlimit64"}, 0, {ENOBUFS}},
     {onServer, {"setsockopt"}, 1, {ENOMEM}, "ERROR: setsockopt() failed for socket descriptor: ", "server"},
@@ -171,7 +172,7 @@ INSTANTIATE_TEST_SUITE_P(Faults, AnyThread, testing::Values(onMain, onServer, on
 
 TEST(Program, failsWhenNothingThatIsWantedStarts)
 {
-    FaultyProgram program("faulty_navtwine|pthread_create|0|11", "-e --server --server-port $PORT", "exit 1");
+    FaultyProgram program("faulty_navtwine|pthread_create|1|11", "-e --server --server-port $PORT", "exit 1");
     EXPECT_EQ(program.wait(), 1);
     EXPECT_THAT(program.output(), HasSubstr("ERROR: pthread_create() failed for thread 'navtwine main-server-thread'"));
 }
