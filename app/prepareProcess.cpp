@@ -1,5 +1,6 @@
 #include "app/prepareProcess.h"
 
+#include "support/CancelShield.h"
 #include "support/Descriptor.h"
 #include "support/Thread.h"
 #include "support/exitRequested.h"
@@ -38,12 +39,16 @@ void raiseDescriptorLimit()
 }
 
 /// The first cancellation of a thread loads what unwinds it (libgcc_s), and glibc ends the process when there is no
-/// memory for that: once, therefore, while there is some.
+/// memory for that: once, therefore, while there is some. Held off, it unwinds nothing.
 class Rehearsal : public KAV::Thread {
 public:
     Rehearsal() : KAV::Thread("navtwine rehearsal", true) { KAV::Thread::start(); }
-    ~Rehearsal() override { KAV::Thread::stop(); }
-    void execute() override { KAV::Thread::sleep(1000); }
+    ~Rehearsal() override { KAV::Thread::wait(); }
+    void execute() override
+    {
+        const KAV::CancelShield shield;
+        KAV::Thread::cancel();
+    }
 };
 
 } // namespace

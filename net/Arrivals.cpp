@@ -100,8 +100,10 @@ bool Arrivals::awaitClient() const
 bool Arrivals::takeOne()
 {
     if (!KAV::ifMemoryAllows([this] { taken.emplace_back(); })) {
-        KAV_LOG(ERROR, "out of memory: no client is accepted\n");
-        KAV::Thread::sleep(retryPause);
+        if (taken.empty()) {
+            KAV_LOG(ERROR, "out of memory: no client is accepted\n");
+            KAV::Thread::sleep(retryPause);
+        }
         return false;
     }
     taken.back().reset(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));

@@ -30,8 +30,8 @@ void Observer::append(const std::string &message)
 {
     const KAV::Hold hold(*queueLock);
     if (waiting > fullQueue) {
-        queue.front() = message;
-        std::rotate(queue.begin(), queue.begin() + 1, queue.begin() + static_cast<std::ptrdiff_t>(waiting));
+        queue[oldest] = message;
+        oldest = (oldest + 1) % queue.size();
         return;
     }
     if (waiting == queue.size())
@@ -48,12 +48,14 @@ std::string Observer::getData()
     for (std::size_t at = 0; at < waiting; ++at)
         size += queue[at].size();
     all.reserve(size);
+    std::rotate(queue.begin(), queue.begin() + static_cast<std::ptrdiff_t>(oldest), queue.end());
     for (std::size_t at = 0; at < waiting; ++at) {
         all += queue[at];
         if (queue[at].capacity() > keptBytes)
             queue[at] = std::string();
     }
     waiting = 0;
+    oldest = 0;
     return all;
 }
 

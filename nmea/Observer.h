@@ -42,11 +42,12 @@ protected:
     /// Thread: the observer's own. Locks: none while `deliver` runs.
     void deliverUntilExit(const std::function<bool(const std::string &batch)> &deliver);
 
-    /// The messages, oldest first, then emptied places that keep their memory for later ones: what one thread
-    /// allocates and another frees piles up in the second one's cache, several KiB a client.
+    /// The messages, then emptied places that keep their memory for later ones: what one thread allocates and another
+    /// frees piles up in the second one's cache, several KiB a client.
     std::deque<std::string> queue KAV_GUARDED_BY(*queueLock);
     KAV::AutoPtr<KAV::Lock> queueLock;                  ///< set once, before the thread starts
     std::size_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
+    std::size_t oldest KAV_GUARDED_BY(*queueLock) = 0;  ///< where they begin: not 0 only while the mailbox is full
 
 private:
     void append(const std::string &message);

@@ -192,6 +192,7 @@ TEST(Server, takesAllThatWaitBeforeItMakesAHandler)
     FaultyProgram program("main-server-thr|accept4|6|11", "-e --server --server-port $PORT --gga", "exec sleep 1000");
     EXPECT_TRUE(program.says("waiting for client connections...\n"));
     ::kill(program.pid, SIGSTOP);
+    ASSERT_EQ(::waitpid(program.pid, nullptr, WUNTRACED), program.pid); // all its threads have stopped
     std::vector<Peer> clients;
     while (clients.size() < 6)
         clients.emplace_back(program.port);

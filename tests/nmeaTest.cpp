@@ -89,6 +89,9 @@ TEST(handleNMEAString, decoratesGathersAndGates)
     EXPECT_EQ(passed({"$GPGSV,1,1,e\n"}, 1000), "") << "a group that is not due is dropped whole";
     EXPECT_EQ(passed({"$GPGSV,1,1", "$GPGSV,2,02,g"}, 1), "") << "neither ends a group";
     EXPECT_EQ(passed({"$GPGSV,2,2,h"}, 1), "X-7$GPGSV,1,1X-7$GPGSV,2,02,gX-7$GPGSV,2,2,h");
+    for (int sentence = 0; sentence < 10'000; ++sentence)
+        handleNMEAString("$GPGSV,9,1,x", 1, &id);
+    EXPECT_EQ(passed({"$GPGSV,9,9,x"}, 1).size(), 10'001 * std::string("X-7$GPGSV,9,1,x").size());
     for (int endless = 0; endless < 100'000; ++endless)
         handleNMEAString("$GPGSV,9,1,x", 1, &id);
     const std::size_t rest = passed({"$GPGSV,9,9,x"}, 1).size();
