@@ -31,7 +31,7 @@ void Observer::append(const std::string &message)
     const KAV::Hold hold(*queueLock);
     if (waiting > fullQueue) {
         queue[oldest] = message;
-        oldest = (oldest + 1) % queue.size();
+        oldest = (oldest + 1) % static_cast<std::uint32_t>(queue.size());
         return;
     }
     if (waiting == queue.size())
@@ -48,7 +48,7 @@ std::string Observer::getData()
     for (std::size_t at = 0; at < waiting; ++at)
         size += queue[at].size();
     all.reserve(size);
-    std::rotate(queue.begin(), queue.begin() + static_cast<std::ptrdiff_t>(oldest), queue.end());
+    std::rotate(queue.begin(), queue.begin() + oldest, queue.end());
     for (std::size_t at = 0; at < waiting; ++at) {
         all += queue[at];
         if (queue[at].capacity() > keptBytes)

@@ -4,6 +4,7 @@
 #include "support/Lock.h"
 #include "support/Thread.h"
 
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <string>
@@ -45,9 +46,9 @@ protected:
     /// The messages, then emptied places that keep their memory for later ones: what one thread allocates and another
     /// frees piles up in the second one's cache, several KiB a client.
     std::deque<std::string> queue KAV_GUARDED_BY(*queueLock);
-    KAV::AutoPtr<KAV::Lock> queueLock;                  ///< set once, before the thread starts
-    std::size_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
-    std::size_t oldest KAV_GUARDED_BY(*queueLock) = 0;  ///< where they begin: not 0 only while the mailbox is full
+    KAV::AutoPtr<KAV::Lock> queueLock;                    ///< set once, before the thread starts
+    std::uint32_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
+    std::uint32_t oldest KAV_GUARDED_BY(*queueLock) = 0;  ///< where they begin: not 0 only while the mailbox is full
 
 private:
     void append(const std::string &message);
