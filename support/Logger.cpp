@@ -164,7 +164,10 @@ void writeToStderr(std::string_view line)
     const LogStream stream;
     const auto deadline = std::chrono::steady_clock::now() + (stalled ? std::chrono::milliseconds{0} : patience);
     std::size_t missing = line.size();
-    while (missing > 0 && (stalled = !isWritable(stream.get(), deadline)) == false) {
+    while (missing > 0) {
+        stalled = !isWritable(stream.get(), deadline);
+        if (stalled)
+            break;
         const std::string_view next = cut ? "\n" : line.substr(line.size() - missing, PIPE_BUF);
         const ssize_t written = ::write(stream.get(), next.data(), next.size());
         if (written < 0 && errno == EINTR)
