@@ -48,7 +48,7 @@ std::string Observer::getData()
     for (std::size_t at = 0; at < waiting; ++at)
         size += queue[at].size();
     all.reserve(size);
-    std::rotate(queue.begin(), queue.begin() + oldest, queue.end());
+    std::rotate(queue.begin(), queue.begin() + static_cast<std::ptrdiff_t>(oldest), queue.end());
     for (std::size_t at = 0; at < waiting; ++at) {
         all += queue[at];
         if (queue[at].capacity() > keptBytes)
