@@ -65,7 +65,9 @@ TEST(Program, leavesStrangersAlone)
     Program program(server, "setsid sh -c 'echo $$ >pid; exec sleep 1000' & exec sleep 1000");
     EXPECT_TRUE(eventually([&] { return program.gpspipe() != 0; })); // not gpspipe, which has the same pipe
     EXPECT_EQ(program.interrupt(), 0);
-    EXPECT_EQ(::kill(program.gpspipe(), SIGKILL), 0) << "of another process group";
+    const fs::path stranger = fs::path("/proc") / std::to_string(program.gpspipe()) / "cmdline";
+    EXPECT_NE(contentOf(stranger), "") << "of another process group"; // a zombie has none
+    ::kill(program.gpspipe(), SIGKILL);
 }
 
 TEST(Program, daemonizes)
