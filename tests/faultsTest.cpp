@@ -223,6 +223,7 @@ TEST(SerialLine, isEmptiedOnEveryRoadToTheEnd)
         std::this_thread::sleep_for(2500ms); // the thread looks once a second, and is blocked with the next batch
         std::ofstream(program.folder / "stalled-log");
         const Peer client = hardEnd ? Peer(program.port) : Peer(-1);
+        EXPECT_EQ(client.socket.isOpen(), hardEnd);
         EXPECT_EQ(program.interrupt(), 0) << options;
         EXPECT_THAT(program.output(), HasSubstr("[tcflush " + std::to_string(TCOFLUSH) + "]\n")) << options;
         EXPECT_EQ(program.output().find("execution complete") == std::string::npos, hardEnd) << options;
