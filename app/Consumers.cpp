@@ -2,7 +2,6 @@
 
 #include "net/ClientThread.h"
 #include "serial/SerialThread.h"
-#include "support/startWorker.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 /// The consumers of one run.
 struct Consumers {
     std::unique_ptr<ServerThread> server; ///< null when switched off
-    /// A consumer exists. The uplink and the serial consumer belong to the thread library once they are
-    /// started, so no pointer to them is kept.
+    /// At least one consumer exists. The thread library owns the uplink and the serial consumer once they are started,
+    /// so no pointer to them is kept.
     bool any = false;
     bool wanted = false; ///< at least one was switched on
 };

@@ -1,6 +1,6 @@
 #include "app/StopThread.h"
 
-#include "nmea/gpspipeProcess.h"
+#include "nmea/gpspipe.h"
 #include "serial/SerialThread.h"
 #include "support/exitRequested.h"
 
@@ -21,11 +21,11 @@ StopThread::~StopThread()
 
 void StopThread::execute()
 {
-    exitRequested.wait(0); // polling would wake an idle process
+    exitRequested.wait(0); // blocks until SIGINT; polling would wake an idle process
     for (int passed = 0; passed < patience; ++passed) {
         endGpspipe();
         KAV::Thread::sleep(step);
     }
     SerialThread::endOutput();
-    exitWithoutGpspipe(0);
+    endProcess(0);
 }

@@ -1,7 +1,6 @@
 #include "app/commandLine.h"
 
-#include "app/baudTable.h"
-#include "nmea/SentenceFilter.h"
+#include "nmea/sentence.h"
 #include "support/Logger.h"
 #include "support/wipe_string.h"
 
@@ -12,8 +11,53 @@
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
+#include <termios.h>
+
+const std::map<std::string, std::uint16_t> baudTable{
+    {"4800", B4800}, {"9600", B9600}, {"19200", B19200}, {"38400", B38400}, {"57600", B57600}, {"115200", B115200},
+};
 
 namespace {
+
+constexpr const char *usage = R"(
+usage: navtwine [OPTIONS]
+
+OPTIONS:
+ --[no-]daemonize
+ --[no-]timestamp
+
+ --[no-]server
+ --server-port PORT [default: 5445]
+ --server-passwd PASSWD
+ --[no-]client
+ --client-protocol tcp|udp [default: tcp]
+ --client-remote-host IPADDR/MASK
+ --client-port PORT [default: 5445]
+ --client-passwd PASSWD
+ --serial SERIAL_PORT
+ --baud [default: 115200]
+ --datalength [7|8 default: 8]
+ --parity [none|odd|even default: none]
+ --stopbits [1|2 default: 1]
+ --hwflow
+ [--rs485]
+
+ --id ID
+ --id-prefix PREFIX
+ --interval INTERVAL [default: 10]
+
+ --[no-]gga
+ --[no-]gsa
+ --[no-]gsv
+ --[no-]gll
+ --[no-]rmc
+ --[no-]vtg
+ --[no-]zda
+ --[no-]gbs
+
+ --loglevel [1-100 default 30] )"
+                              "\n"
+                              " -e  use stderr for log (default: disabled)\n";
 
 [[noreturn]] void abortExecution(const char *complaint, const std::string &value)
 {
@@ -21,7 +65,7 @@ namespace {
     std::exit(1);
 }
 
-/// Decimal, 0x hexadecimal or 0 octal; text behind the digits is ignored, no digits are 0; cut to 16 bits.
+/// A number, decimal, 0x hexadecimal or 0 octal, cut to 16 bits. Text behind it is ignored; without digits it is 0.
 std::int16_t numberOf(const char *value) { return static_cast<std::int16_t>(std::strtol(value, nullptr, 0)); }
 
 void setLogLevel(RunSettings &settings, char *value)
@@ -93,7 +137,7 @@ void setText(RunSettings &settings, char *value)
 template <std::string RunSettings::*field>
 void setSecret(RunSettings &settings, char *value)
 {
-    wipe_string(settings.*field); // of an earlier occurrence
+    wipe_string(settings.*field); // the option may have been given before
     settings.*field = value;
     ::explicit_bzero(value, std::strlen(value));
 }
@@ -162,6 +206,19 @@ constexpr std::array options{
 };
 
 } // namespace
+
+bool wantsUsage(int argc, char *argv[])
+{
+    return argc <= 1 || std::any_of(argv + 1, argv + argc,
+                                    [](std::string_view argument) { return argument == "-h" || argument == "--help"; });
+}
+
+void printUsage()
+{
+    std::puts(usage);
+    std::fflush(stdout);
+    std::exit(0);
+}
 
 RunSettings parseCommandLine(int argc, char *argv[])
 {

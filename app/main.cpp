@@ -1,13 +1,9 @@
 #include "app/Consumers.h"
 #include "app/StopThread.h"
 #include "app/commandLine.h"
-#include "app/logging.h"
-#include "app/prepareProcess.h"
-#include "app/printUsage.h"
 #include "app/runReader.h"
-#include "app/signals.h"
+#include "app/startUp.h"
 #include "support/Logger.h"
-#include "support/startWorker.h"
 #include "support/wipe_string.h"
 
 #include <cstdlib>

@@ -1,9 +1,9 @@
 #include "app/runReader.h"
 
+#include "nmea/gpspipe.h"
 #include "nmea/handleNMEAString.h"
-#include "nmea/kavGPSGetNMEAStrings.h"
 #include "support/exitRequested.h"
-#include "support/ifMemoryAllows.h"
+#include "support/guards.h"
 
 #include <unistd.h>
 
@@ -20,7 +20,8 @@ void runReader(const RunSettings &settings)
 void runReaderUntilExit(const RunSettings &settings)
 {
     while (exitRequested == 0) {
-        static_cast<void>(KAV::ifMemoryAllows([&] { runReader(settings); })); // if not now, then a second later
+        // A run that memory has ended is started again like any other.
+        static_cast<void>(KAV::ifMemoryAllows([&] { runReader(settings); }));
         ::sleep(1);
     }
 }

@@ -1,8 +1,7 @@
 /// What one line costs inside the process, function by function, without pipe, socket and scheduler.
 
 #include "nmea/Observer.h"
-#include "nmea/SentenceFilter.h"
-#include "nmea/sentenceType.h"
+#include "nmea/sentence.h"
 #include "support/Text.h"
 
 #include <benchmark/benchmark.h>

@@ -3,28 +3,26 @@
 #include "support/Logger.h"
 #include "support/Thread.h"
 #include "support/exitRequested.h"
-#include "support/ifMemoryAllows.h"
+#include "support/guards.h"
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <malloc.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <utility>
 
 using KAV::Descriptor;
 
 namespace {
 
-/// Milliseconds without a new client after which the holes that clients left in the heap, 3 KiB each, go back to the
+/// Milliseconds without a new client after which freed memory, 3 KiB for each client that left, goes back to the
 /// system. Nothing else wakes the server while nobody connects.
 constexpr int trimAfter = 30'000;
 
-constexpr int retryPause = 1000; ///< milliseconds; retry interval while a failure persists
+constexpr int retryPause = 1000; ///< milliseconds; retry interval while the cause of a failure persists
 
-/// Clients taken and not handed out: a bound to one look, should more come without end.
+/// Clients that one look takes at most, should they come without end.
 constexpr std::size_t mostTaken = 1024;
 
 /// Two for the pipe of the next gpspipe, two for the uplink's socket and its resolver.
@@ -45,28 +43,28 @@ bool isClientWaiting(int listener)
     return false;
 }
 
-/// Takes what `accept` would take, a socket and the lowest free number, and gives it back. 0, or an error code.
-int probeForDescriptor()
+/// Opens and closes a socket, as a trial of what `accept` needs. False, with `errno` set, when accept would fail.
+bool isDescriptorFree()
 {
-    const Descriptor probe(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!probe.isOpen())
-        return errno;
+    const Descriptor trial(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!trial.isOpen())
+        return false;
     rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return 0;
-    return static_cast<rlim_t>(probe.get()) + reservedDescriptors < limit.rlim_cur ? 0 : EMFILE;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 ||
+        static_cast<rlim_t>(trial.get()) + reservedDescriptors < limit.rlim_cur)
+        return true;
+    errno = EMFILE;
+    return false;
 }
 
 /// False when an exit was requested before a descriptor was free.
 bool awaitDescriptor()
 {
     for (bool reported = false; exitRequested == 0; reported = true) {
-        const int error = probeForDescriptor();
-        if (error == 0)
+        if (isDescriptorFree())
             return true;
         if (!reported)
-            KAV_LOG(ERROR, "no client is accepted until a descriptor is free: error code: %d : %s\n", error,
-                    std::strerror(error));
+            KAV_LOG_ERRNO("no client is accepted until a descriptor is free: error code: %d : %s\n");
         KAV::Thread::sleep(retryPause);
     }
     return false;
@@ -78,7 +76,7 @@ Descriptor Arrivals::next()
 {
     if (taken.empty() && !(awaitClient() && takeOne()))
         return {};
-    while (taken.size() < mostTaken && exitRequested == 0 && probeForDescriptor() == 0 && takeOne()) {
+    while (taken.size() < mostTaken && exitRequested == 0 && isDescriptorFree() && takeOne()) {
     }
     Descriptor connection = std::move(taken.front());
     taken.erase(taken.begin());
@@ -88,15 +86,15 @@ Descriptor Arrivals::next()
 bool Arrivals::awaitClient() const
 {
     while (exitRequested == 0) {
-        if (isClientWaiting(listener))
+        if (isClientWaiting(listener.get()))
             return awaitDescriptor();
         ::malloc_trim(0);
     }
     return false;
 }
 
-/// False when nobody waits any more, or `accept` failed otherwise. A client for whom there is no memory goes on
-/// waiting.
+/// Accepts one client. False when nobody waits any more, `accept` failed otherwise, or memory is out: then the client
+/// stays in the queue.
 bool Arrivals::takeOne()
 {
     if (!KAV::ifMemoryAllows([this] { taken.emplace_back(); })) {
@@ -106,7 +104,7 @@ bool Arrivals::takeOne()
         }
         return false;
     }
-    taken.back().reset(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+    taken.back().reset(::accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (taken.back().isOpen())
         return true;
     taken.pop_back();

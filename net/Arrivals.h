@@ -2,6 +2,7 @@
 
 #include "support/Descriptor.h"
 
+#include <utility>
 #include <vector>
 
 /// The clients of one listening socket that are accepted and still wait for their handlers, in the order in which they
@@ -13,20 +14,20 @@
 /// Thread: the server's.
 class Arrivals {
 public:
-    /// `_listener`: a listening socket, not blocking; not owned.
-    explicit Arrivals(int _listener) : listener(_listener) {}
+    /// REQUIRES: `_listener` is a listening socket, not blocking.
+    explicit Arrivals(KAV::Descriptor _listener) : listener(std::move(_listener)) {}
 
     /// The next client. Blocks until there is one. Not open when `accept` failed, and when an exit was requested, which
     /// is noticed at once, or within about a second while there is no free descriptor.
     ///
-    /// While no descriptor is free nobody is accepted: one ERROR line an episode, no processor time. A few descriptors
-    /// are kept for gpspipe and the uplink, which would starve behind the clients otherwise.
+    /// While no descriptor is free nobody is accepted; the log gets one ERROR line for each time this begins. Four
+    /// descriptors are kept for gpspipe and the uplink, which could not start otherwise.
     [[nodiscard]] KAV::Descriptor next();
 
 private:
     [[nodiscard]] bool awaitClient() const;
     [[nodiscard]] bool takeOne();
 
-    const int listener;
+    const KAV::Descriptor listener;
     std::vector<KAV::Descriptor> taken;
 };

@@ -2,19 +2,23 @@
 
 #include "net/handshake.h"
 #include "nmea/nmeaDataSubject.h"
-#include "support/Descriptor.h"
 #include "support/Logger.h"
-#include "support/wipe_string.h"
 
 #include <cerrno>
-#include <cstring>
 #include <sys/socket.h>
 
-ClientHandlerThread::ClientHandlerThread(int _socketDescriptor, const std::string &_password,
+namespace {
+
+/// True when a later send on the same connection may succeed.
+bool meansTryLater(int error) { return error == EINTR || error == EAGAIN; }
+
+} // namespace
+
+ClientHandlerThread::ClientHandlerThread(KAV::Descriptor _socketDescriptor, const std::string &_password,
                                          std::uint16_t _maxLoginAttempts)
-    : Observer("navtwine client-handler-thread for socket descriptor: " + std::to_string(_socketDescriptor)),
+    : Observer("navtwine client-handler-thread for socket descriptor: " + std::to_string(_socketDescriptor.get())),
       subject(nmeaDataSubject::getInstance()),
-      socketDescriptor(_socketDescriptor),
+      socketDescriptor(std::move(_socketDescriptor)),
       maxLoginAttempts(_maxLoginAttempts),
       password(_password)
 {
@@ -33,40 +37,37 @@ ClientHandlerThread::~ClientHandlerThread()
 
 void ClientHandlerThread::execute()
 {
-    const KAV::Descriptor connection(socketDescriptor);
-    if (!password.empty()) {
-        const bool loggedIn = login();
-        wipe_string(password);
-        if (!loggedIn) {
-            KAV_LOG(ERROR, "failed to login.\n");
-            return;
-        }
+    const bool admitted = password.empty() || login();
+    wipe_string(password);
+    if (admitted) {
+        subject->attach(this);
+        deliverUntilExit([this](const std::string &batch) { return sendToClient(batch); });
+    } else {
+        KAV_LOG(ERROR, "failed to login.\n");
     }
-    subject->attach(this);
-    deliverUntilExit([this](const std::string &batch) { return sendToClient(batch); });
+    socketDescriptor.reset();
 }
 
 bool ClientHandlerThread::login()
 {
     for (unsigned int failed = 0; maxLoginAttempts == 0 || failed < maxLoginAttempts; ++failed) {
-        if (!handshake::sendLine(socketDescriptor, "PASSWORD\r\n")) {
-            KAV_LOG(ERROR, "send() of [PASSWORD_PROMPT] failed with error code: %d : %s\n", errno,
-                    std::strerror(errno));
+        if (!handshake::sendLine(socketDescriptor.get(), "PASSWORD\r\n")) {
+            KAV_LOG_ERRNO("send() of [PASSWORD_PROMPT] failed with error code: %d : %s\n");
             return false;
         }
         handshake::Line answer;
-        if (!answer.receive(socketDescriptor)) {
+        if (!answer.receive(socketDescriptor.get())) {
             KAV_LOG(ERROR, "read_line_from_socket() failed or timed out\n");
             return false;
         }
         if (answer.is(password)) {
-            if (handshake::sendLine(socketDescriptor, "OK\r\n")) {
+            if (handshake::sendLine(socketDescriptor.get(), "OK\r\n")) {
                 KAV_LOG(INFO, "successfully logged in!\n");
                 return true;
             }
-            KAV_LOG(ERROR, "send() of [PASSWORD_OK] failed with error code: %d : %s\n", errno, std::strerror(errno));
-        } else if (!handshake::sendLine(socketDescriptor, "ERROR\r\n")) {
-            KAV_LOG(ERROR, "send() of [PASSWORD_WRONG] failed with error code: %d : %s\n", errno, std::strerror(errno));
+            KAV_LOG_ERRNO("send() of [PASSWORD_OK] failed with error code: %d : %s\n");
+        } else if (!handshake::sendLine(socketDescriptor.get(), "ERROR\r\n")) {
+            KAV_LOG_ERRNO("send() of [PASSWORD_WRONG] failed with error code: %d : %s\n");
         }
     }
     return false;
@@ -76,11 +77,11 @@ bool ClientHandlerThread::login()
 bool ClientHandlerThread::sendToClient(const std::string &data) const
 {
     KAV_LOG(DEBUG, "ClientHandlerThread:nmeaSend:%s", data.c_str());
-    if (::send(socketDescriptor, data.data(), data.size(), 0) >= 0)
+    if (::send(socketDescriptor.get(), data.data(), data.size(), 0) >= 0)
         return true;
-    KAV_LOG(ERROR, "send() of [NMEA STRING DATA] failed for client: %d : error code = %d : %s\n", socketDescriptor,
-            errno, std::strerror(errno));
-    if (errno == EINTR || errno == EAGAIN)
+    KAV_LOG_ERRNO("send() of [NMEA STRING DATA] failed for client: %d : error code = %d : %s\n",
+                  socketDescriptor.get());
+    if (meansTryLater(errno))
         return true;
     KAV_LOG(INFO, "client is unreachable - disconnecting socket\n");
     return false;

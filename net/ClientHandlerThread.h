@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nmea/Observer.h"
+#include "support/Descriptor.h"
 #include "support/wipe_string.h"
 
 #include <cstdint>
@@ -12,10 +13,10 @@ class nmeaDataSubject;
 /// after the login. Made with `new` by the server; deletes itself when its body has ended (Observer).
 class ClientHandlerThread : public Observer {
 public:
-    /// Takes over `_socketDescriptor` (the body closes it) and starts the thread. `_password` empty: no login.
-    /// `_maxLoginAttempts` 0: no limit.
-    /// Thread: the server's. Errors: as KAV::Thread::start; the descriptor then still belongs to the caller.
-    ClientHandlerThread(int _socketDescriptor, const std::string &_password, std::uint16_t _maxLoginAttempts);
+    /// Starts the thread. `_password` empty: no login. `_maxLoginAttempts` 0: no limit.
+    /// Thread: the server's. Errors: as KAV::Thread::start; the connection is closed then.
+    ClientHandlerThread(KAV::Descriptor _socketDescriptor, const std::string &_password,
+                        std::uint16_t _maxLoginAttempts);
     ~ClientHandlerThread() override;
 
     void execute() override;
@@ -27,8 +28,8 @@ public:
 private:
     [[nodiscard]] bool sendToClient(const std::string &data) const;
 
-    nmeaDataSubject *subject; ///< not owned
-    int socketDescriptor;     ///< closed by the body
+    nmeaDataSubject *subject;         ///< not owned
+    KAV::Descriptor socketDescriptor; ///< closed at the end of the body
     std::uint16_t maxLoginAttempts;
     WipedString password;
 };

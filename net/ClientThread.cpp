@@ -3,14 +3,12 @@
 #include "net/handshake.h"
 #include "net/socketOptions.h"
 #include "nmea/nmeaDataSubject.h"
-#include "support/Descriptor.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
-#include "support/ifMemoryAllows.h"
+#include "support/guards.h"
 
 #include <arpa/inet.h>
 #include <array>
-#include <cerrno>
 #include <cstring>
 #include <netdb.h>
 #include <sys/socket.h>
@@ -29,7 +27,7 @@ bool resolve(const std::string &host, in_addr &address)
     hostent *found = nullptr;
     std::array<char, 1024> work;
     int error = 0;
-    static_cast<void>(::gethostbyname2_r(host.c_str(), AF_INET, &entry, work.data(), work.size(), &found, &error));
+    ::gethostbyname2_r(host.c_str(), AF_INET, &entry, work.data(), work.size(), &found, &error);
     if (found == nullptr) {
         KAV_LOG(ERROR, "connect_to_host() : gethostbyname2_r() failed with error code: %d : %s\n", error,
                 ::hstrerror(error));
@@ -53,7 +51,6 @@ ClientThread::ClientThread(const std::string &_remoteHost, std::uint16_t _port, 
     : Observer("navtwine main client-thread"),
       retryDelay(30000),
       subject(nmeaDataSubject::getInstance()),
-      socketDescriptor(-1),
       protocol(_protocol),
       remoteHost(_remoteHost),
       password(_password),
@@ -76,15 +73,15 @@ void ClientThread::execute()
     while (exitRequested == 0) {
         if (!KAV::ifMemoryAllows([this] { runSession(); }))
             KAV_LOG(ERROR, "ClientThread::out of memory : retrying login in %u ms...\n", retryDelay);
+        socketDescriptor.reset();
         KAV::Thread::sleep(retryDelay);
     }
 }
 
 void ClientThread::runSession()
 {
-    const Descriptor connection(connect_to_host());
-    socketDescriptor = connection.get();
-    if (!connection.isOpen()) {
+    socketDescriptor = connect_to_host();
+    if (!socketDescriptor.isOpen()) {
         KAV_LOG(ERROR, "connect_to_host() failed. (see error message above for reason) : retrying login in %u ms...\n",
                 retryDelay);
         return;
@@ -111,24 +108,24 @@ void ClientThread::registerOnce()
 bool ClientThread::sendToCollector(const std::string &data) const
 {
     KAV_LOG(DEBUG, "ClientThread::nmeaSend:%s", data.c_str());
-    if (::send(socketDescriptor, data.data(), data.size(), 0) >= 0)
+    if (::send(socketDescriptor.get(), data.data(), data.size(), 0) >= 0)
         return true;
-    KAV_LOG(ERROR, "send() of [NMEA STRING DATA] failed : error code = %d : %s\n", errno, std::strerror(errno));
+    KAV_LOG_ERRNO("send() of [NMEA STRING DATA] failed : error code = %d : %s\n");
     return false;
 }
 
-int ClientThread::connect_to_host() const
+Descriptor ClientThread::connect_to_host() const
 {
     sockaddr_in peer{};
     peer.sin_family = AF_INET;
     peer.sin_port = htons(port);
     if (!resolve(remoteHost, peer.sin_addr))
-        return -1;
+        return {};
     const int type = protocol == udp ? SOCK_DGRAM : SOCK_STREAM;
     Descriptor connection(::socket(AF_INET, type | SOCK_CLOEXEC, 0));
     if (!connection.isOpen()) {
-        KAV_LOG(ERROR, "connect_to_host() : socket() failed with error code: %d : %s\n", errno, std::strerror(errno));
-        return connection.get();
+        KAV_LOG_ERRNO("connect_to_host() : socket() failed with error code: %d : %s\n");
+        return {};
     }
     if (type == SOCK_STREAM) {
         limitSendBuffer(connection.get());
@@ -136,17 +133,17 @@ int ClientThread::connect_to_host() const
     }
     logAddress(peer.sin_addr);
     if (::connect(connection.get(), reinterpret_cast<const sockaddr *>(&peer), sizeof peer) != 0) {
-        KAV_LOG(ERROR, "connect_to_host() : connect() failed with error code: %d : %s\n", errno, std::strerror(errno));
-        return -1;
+        KAV_LOG_ERRNO("connect_to_host() : connect() failed with error code: %d : %s\n");
+        return {};
     }
     KAV_LOG(INFO, "connect_to_host() : connect() succeeded with valid socket: %d\n", connection.get());
-    return connection.release();
+    return connection;
 }
 
 bool ClientThread::authentificate() const
 {
     handshake::Line line;
-    if (!line.receive(socketDescriptor)) {
+    if (!line.receive(socketDescriptor.get())) {
         KAV_LOG(ERROR, "client authentificate:read_line_from_socket() failed or timed out while listening for a "
                        "[PASSWORD PROMPT] message\n");
         return false;
@@ -156,12 +153,11 @@ bool ClientThread::authentificate() const
                 line.raw());
         return false;
     }
-    if (!handshake::sendSecret(socketDescriptor, password)) {
-        KAV_LOG(ERROR, "client authentificate:send() of [PASSWORD SECRET] failed : error code = %d : %s\n", errno,
-                std::strerror(errno));
+    if (!handshake::sendSecret(socketDescriptor.get(), password)) {
+        KAV_LOG_ERRNO("client authentificate:send() of [PASSWORD SECRET] failed : error code = %d : %s\n");
         return false;
     }
-    if (!line.receive(socketDescriptor)) {
+    if (!line.receive(socketDescriptor.get())) {
         KAV_LOG(ERROR, "client authentificate:read_line_from_socket() failed or timed out while listening for a "
                        "[PASSWORD OK] message\n");
         return false;

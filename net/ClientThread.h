@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nmea/Observer.h"
+#include "support/Descriptor.h"
 #include "support/wipe_string.h"
 
 #include <cstdint>
@@ -25,16 +26,16 @@ private:
     void registerOnce();
     [[nodiscard]] bool sendToCollector(const std::string &data) const;
 
-    /// A connected socket, which the caller closes, or a negative value; says why in the log.
-    [[nodiscard]] int connect_to_host() const;
+    /// A connected socket, or one that is not open, after an ERROR line that says why.
+    [[nodiscard]] KAV::Descriptor connect_to_host() const;
 
     /// The connecting side of the handshake, one attempt: true when the collector took the password. Takes at
     /// most a little over 30 s for each of its two lines.
     [[nodiscard]] bool authentificate() const;
 
-    const std::uint32_t retryDelay; ///< milliseconds from the end of one session to the next attempt
-    nmeaDataSubject *subject;       ///< not owned
-    int socketDescriptor;           ///< the session's connection, closed at its end; -1 before the first
+    const std::uint32_t retryDelay;   ///< milliseconds from the end of one session to the next attempt
+    nmeaDataSubject *subject;         ///< not owned
+    KAV::Descriptor socketDescriptor; ///< the session's connection, closed at its end
     char protocol;
     std::string remoteHost;
     WipedString password;

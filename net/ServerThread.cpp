@@ -5,7 +5,6 @@
 #include "net/socketOptions.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
-#include "support/startWorker.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -50,20 +49,20 @@ ServerThread::~ServerThread()
 
 void ServerThread::execute()
 {
-    const Descriptor listener = listenOnPort();
+    Descriptor listener = listenOnPort();
     if (listener.isOpen() && exitRequested == 0)
-        serve(listener.get());
+        serve(std::move(listener));
 }
 
 Descriptor ServerThread::listenOnPort() const
 {
-    // Not blocking: a client that gives up between the wait and `accept` must not hold the server in it.
+    // Not blocking: when a client gives up between the wait and `accept`, the server must not block in accept.
     Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener.isOpen()) {
         KAV_LOG(ERROR, "socket() failed returning invalid descriptor: %d\n", listener.get());
         return listener;
     }
-    limitSendBuffer(listener.get()); // before it listens, so that the first connection inherits it, too
+    limitSendBuffer(listener.get()); // before listen(2), so that every connection inherits it
     const char *failed = nullptr;
     if (!reuseAddress(listener.get()))
         failed = "setsockopt";
@@ -78,19 +77,13 @@ Descriptor ServerThread::listenOnPort() const
     return listener;
 }
 
-void ServerThread::serve(int listener) const
+void ServerThread::serve(Descriptor listener) const
 {
-    Arrivals arrivals(listener);
+    Arrivals arrivals(std::move(listener));
     do {
         KAV_LOG(INFO, "waiting for client connections...\n");
         Descriptor connection = arrivals.next();
-        if (connection.isOpen())
-            handOver(std::move(connection));
+        if (connection.isOpen()) // the handler deletes itself
+            static_cast<void>(KAV::startWorker<ClientHandlerThread>(std::move(connection), password, maxLoginAttempts));
     } while (exitRequested == 0);
-}
-
-void ServerThread::handOver(Descriptor connection) const
-{
-    if (KAV::startWorker<ClientHandlerThread>(connection.get(), password, maxLoginAttempts) != nullptr)
-        static_cast<void>(connection.release()); // the handler's now; it may have closed it already
 }

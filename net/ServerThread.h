@@ -22,8 +22,7 @@ public:
 
 private:
     [[nodiscard]] KAV::Descriptor listenOnPort() const;
-    void serve(int listener) const;
-    void handOver(KAV::Descriptor connection) const;
+    void serve(KAV::Descriptor listener) const;
 
     std::uint16_t port;
     std::uint16_t maxLoginAttempts;

@@ -15,7 +15,7 @@ constexpr int probes = (deadAfter - quietBefore) / probeInterval;
 
 void set(int socketDescriptor, int level, int option, int value)
 {
-    static_cast<void>(::setsockopt(socketDescriptor, level, option, &value, sizeof value));
+    ::setsockopt(socketDescriptor, level, option, &value, sizeof value);
 }
 
 } // namespace

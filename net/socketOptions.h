@@ -1,6 +1,6 @@
 #pragma once
 
-// Best effort, both: a kernel that refuses keeps its default, and the connection works all the same.
+// Both are best effort: when the kernel refuses, its default stays, and the connection works.
 
 /// Gives a TCP socket a small send buffer (SO_SNDBUF, socket(7)); connections accepted from a listening socket
 /// inherit it. With the default one, a peer that stops reading parks megabytes of old positions in the kernel

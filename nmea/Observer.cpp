@@ -1,17 +1,17 @@
 #include "nmea/Observer.h"
 
 #include "support/exitRequested.h"
-#include "support/ifMemoryAllows.h"
+#include "support/guards.h"
 
 #include <algorithm>
 #include <utility>
 
 namespace {
 
-/// Looked at before the new message is appended, so a mailbox holds one more than this.
+/// Compared before the new message is appended, so a mailbox holds one more than this.
 constexpr std::size_t fullQueue = 10;
 
-/// An emptied place keeps no more than this: a GSV group that went wrong must not stay in memory elevenfold.
+/// An emptied place keeps at most this: eleven huge GSV groups must not stay in memory.
 constexpr std::size_t keptBytes = 1024;
 
 } // namespace
@@ -64,7 +64,7 @@ void Observer::deliverUntilExit(const std::function<bool(const std::string &batc
     constexpr unsigned int idlePause = 1000; // milliseconds
     while (exitRequested == 0) {
         std::string batch;
-        // What cannot be joined waits in the mailbox.
+        // Without memory for the joined text the messages stay in the mailbox.
         if (!KAV::ifMemoryAllows([&] { batch = getData(); }) || batch.empty())
             KAV::Thread::sleep(idlePause);
         else if (!deliver(batch))

@@ -12,8 +12,8 @@
 /// The base of every consumer: a thread with a bounded mailbox.
 ///
 /// A concrete observer installs `queueLock` in its constructor, attaches itself to the subject when it is ready
-/// to send, takes its mailbox with `getData`, and detaches itself in its destructor. Deleted by: the library,
-/// on the observer's own thread, once `execute` has returned (KAV::Thread, flag false).
+/// to send, takes its messages with `getData`, and detaches itself in its destructor. Deleted by the library, on the
+/// observer's own thread, once `execute` has returned (KAV::Thread, flag false).
 class Observer : public KAV::Thread {
 public:
     /// `threadName` as for KAV::Thread.
@@ -37,18 +37,18 @@ public:
     void execute() override = 0;
 
 protected:
-    /// The working life of a consumer: hands each batch of waiting messages to `deliver`, and looks again a second
-    /// later when there is none or no memory for it, until `exitRequested` is set or `deliver` answers false.
+    /// Hands each batch of waiting messages to `deliver`, and looks again a second later when there is none or no
+    /// memory for it, until `exitRequested` is set or `deliver` returns false.
     ///
     /// Thread: the observer's own. Locks: none while `deliver` runs.
     void deliverUntilExit(const std::function<bool(const std::string &batch)> &deliver);
 
-    /// The messages, then emptied places that keep their memory for later ones: what one thread allocates and another
-    /// frees piles up in the second one's cache, several KiB a client.
+    /// The messages, then emptied places that keep their memory for later messages: memory that the reader allocates
+    /// and a client's thread frees would pile up in that thread's malloc cache, several KiB a client.
     std::deque<std::string> queue KAV_GUARDED_BY(*queueLock);
     KAV::AutoPtr<KAV::Lock> queueLock;                    ///< set once, before the thread starts
     std::uint32_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
-    std::uint32_t oldest KAV_GUARDED_BY(*queueLock) = 0;  ///< where they begin: not 0 only while the mailbox is full
+    std::uint32_t oldest KAV_GUARDED_BY(*queueLock) = 0;  ///< place of the oldest; not 0 only while the mailbox is full
 
 private:
     void append(const std::string &message);

@@ -1,7 +1,7 @@
 #include "nmea/handleNMEAString.h"
 
 #include "nmea/nmeaDataSubject.h"
-#include "nmea/sentenceType.h"
+#include "nmea/sentence.h"
 
 #include <ctime>
 #include <string_view>
@@ -26,9 +26,10 @@ int handleNMEAString(const char *line, int interval, const std::string *decorati
         return 0;
 
     nmeaDataSubject *const subject = nmeaDataSubject::getInstance();
-    const std::string message = decorated(*decoration, text); // before the gate: without memory no interval is used up
+    const std::string message =
+        decorated(*decoration, text); // first: a message without memory must not use up the interval
     if (*type == SentenceType::GSV) {
-        // Gathered even while GSV is switched off or not due, so that a group never begins in its middle.
+        // Gathered even while GSV is off or not due, so that a group does not start with its second sentence.
         std::string group;
         const bool complete = subject->collectGSV(message, group);
         if (complete && isSentenceDue(filterOf(*type), now, interval))

@@ -8,7 +8,7 @@
 
 namespace {
 
-/// Bytes, some 3,000 sentences. The longest regular group has nine; only a source that never completes one gets here.
+/// Bytes, some 3,000 sentences; a regular group has nine at most.
 constexpr std::size_t longestGroup = 256UL * 1024;
 
 } // namespace

@@ -9,8 +9,8 @@
 
 class Observer;
 
-/// The meeting point of the reader and the consumers: one object for the whole process, made on first use and
-/// never destroyed, since threads use it until the process ends.
+/// Passes messages from the reader to the consumers: one object for the whole process, made on first use and never
+/// destroyed, since threads use it until the process ends.
 ///
 /// Locks: `observersLock`, then each observer's `queueLock`; never the other way round.
 class nmeaDataSubject {

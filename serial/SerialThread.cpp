@@ -1,12 +1,10 @@
 #include "serial/SerialThread.h"
 
-#include "nmea/gpspipeProcess.h"
 #include "nmea/nmeaDataSubject.h"
-#include "serial/lineSettings.h"
 #include "serial/write_all.h"
-#include "support/Descriptor.h"
 #include "support/Logger.h"
-#include "support/ifMemoryAllows.h"
+#include "support/exitRequested.h"
+#include "support/guards.h"
 
 #include <cerrno>
 #include <cstring>
@@ -14,14 +12,15 @@
 #include <linux/serial.h>
 #include <mutex>
 #include <sys/ioctl.h>
+#include <utility>
 
 namespace {
 
-/// The consumer whose body runs, null when there is none: the way to it for `endOutput`, as the library owns it.
+/// The consumer whose body runs, for `endOutput`; null when there is none.
 constinit SerialThread *running = nullptr;
 constinit std::mutex runningLock;
 
-/// Makes a consumer known as `running` for the length of a scope.
+/// Makes a consumer known as `running` until the end of the scope.
 class RunningScope {
 public:
     explicit RunningScope(SerialThread *body) { set(body); }
@@ -37,7 +36,7 @@ private:
     }
 };
 
-/// Cancels the running consumer. False when there is none, so that its port is closed.
+/// Cancels the running consumer. False when there is none any more: its port is closed then.
 bool cancelRunning()
 {
     const std::lock_guard hold(runningLock);
@@ -46,14 +45,14 @@ bool cancelRunning()
     return running != nullptr;
 }
 
-/// The open port. It is emptied before it is closed: the driver of a UART waits up to 30 s in close(2), or in the end
-/// of the process, for what a held or slow line has not taken (closing_wait, setserial(8)).
+/// The open port. Its output is thrown away before it is closed: a UART driver waits up to 30 s in close(2), or at the
+/// end of the process, for what a held or slow line has not taken (closing_wait, setserial(8)).
 class Port {
 public:
-    explicit Port(int opened) : descriptor(opened) {}
+    explicit Port(KAV::Descriptor opened) : descriptor(std::move(opened)) {}
     Port(const Port &) = delete;
     Port &operator=(const Port &) = delete;
-    ~Port() { static_cast<void>(::tcflush(descriptor.get(), TCOFLUSH)); }
+    ~Port() { ::tcflush(descriptor.get(), TCOFLUSH); }
     [[nodiscard]] int get() const { return descriptor.get(); }
 
 private:
@@ -63,10 +62,8 @@ private:
 void writeBatch(int port, const std::string &batch)
 {
     KAV_LOG(DEBUG, "serial:%s", batch.c_str());
-    if (write_all(port, batch.data(), batch.size()) < 0) {
-        KAV_LOG(ERROR, "serial write() of [NMEA STRING DATA] failed : error code = %d : %s\n", errno,
-                std::strerror(errno));
-    }
+    if (write_all(port, batch.data(), batch.size()) < 0)
+        KAV_LOG_ERRNO("serial write() of [NMEA STRING DATA] failed : error code = %d : %s\n");
 }
 
 } // namespace
@@ -97,7 +94,7 @@ SerialThread::~SerialThread()
 
 void SerialThread::execute()
 {
-    const RunningScope known(this); // until the port is closed
+    const RunningScope known(this); // declared first: until the port is closed
     const Port port(openOrEndProcess());
     KAV_LOG(INFO, "serial port opened");
     while (!KAV::ifMemoryAllows([this] { subject->attach(this); }))
@@ -112,28 +109,32 @@ void SerialThread::execute()
 
 void SerialThread::endOutput()
 {
-    constexpr int rounds = 50; // bounded: a driver may hold the close in spite of all
+    constexpr int rounds = 50; // a driver may hold the close all the same
     for (int round = 0; round < rounds && cancelRunning(); ++round)
         KAV::Thread::sleep(20);
 }
 
-int SerialThread::openOrEndProcess() const
+KAV::Descriptor SerialThread::openOrEndProcess() const
 {
-    const int port = ::open(devicePath.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (port >= 0)
+    KAV::Descriptor port(::open(devicePath.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (port.isOpen())
         return port;
     KAV_LOG(ERROR, "failed to open %s: errno: %d", devicePath.c_str(), errno);
-    exitWithoutGpspipe(1);
+    endProcess(1);
 }
 
 void SerialThread::configureLine(int port) const
 {
-    // Best effort throughout: an old driver may refuse some of it, and the port still works.
+    // Best effort: an old driver may refuse some of it, and the port still works. CLOCAL and CREAD stay as they are; a
+    // speed that the platform does not know leaves the line's own.
     termios line{};
-    static_cast<void>(::tcgetattr(port, &line));
-    applyLineSettings(line, {speed, charSize, parity, stopBits, hwFlow});
-    static_cast<void>(::tcsetattr(port, TCSANOW, &line));
-    static_cast<void>(::tcflush(port, TCIOFLUSH));
+    ::tcgetattr(port, &line);
+    ::cfmakeraw(&line);
+    ::cfsetspeed(&line, speed);
+    constexpr tcflag_t replaced = CSIZE | PARENB | PARODD | CSTOPB | CRTSCTS;
+    line.c_cflag = (line.c_cflag & ~replaced) | static_cast<tcflag_t>(charSize | parity | stopBits) | hwFlow;
+    ::tcsetattr(port, TCSANOW, &line);
+    ::tcflush(port, TCIOFLUSH);
 }
 
 void SerialThread::chooseStandard(int port) const
@@ -147,5 +148,5 @@ void SerialThread::chooseStandard(int port) const
         KAV_LOG(INFO, "RS232 mode");
     }
     if (::ioctl(port, TIOCSRS485, &settings) < 0)
-        KAV_LOG(ERROR, "RS485 configurating error. errno:%i - %s", errno, std::strerror(errno));
+        KAV_LOG_ERRNO("RS485 configurating error. errno:%i - %s");
 }

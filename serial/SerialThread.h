@@ -1,6 +1,7 @@
 #pragma once
 
 #include "nmea/Observer.h"
+#include "support/Descriptor.h"
 
 #include <cstdint>
 #include <string>
@@ -12,32 +13,29 @@ class nmeaDataSubject;
 /// message to it. Once started it deletes itself when its body has ended (Observer).
 class SerialThread : public Observer {
 public:
-    /// Starts the thread. The settings are bits of termios(3), as in RunSettings.
-    /// Errors: as KAV::Thread::start. A device that cannot be opened is an ERROR line and ends the whole
-    /// process with status 1, at once and without clean-up, since other threads still use what clean-up would
-    /// destroy.
+    /// Starts the thread. The settings are bits of termios(3), as in RunSettings. Errors: as KAV::Thread::start.
+    /// A device that cannot be opened is an ERROR line and ends the whole process with status 1 (endProcess).
     SerialThread(const std::string &_devicePath, speed_t _speed, std::int16_t _charSize, std::int16_t _parity,
                  std::int16_t _stopBits, tcflag_t _hwFlow, bool _rs485);
     ~SerialThread() override;
 
     void execute() override;
 
-    /// Ends this process's serial consumer, if one runs, whatever it is blocked in, and returns once its port is
-    /// closed, or after a second at most. What the line has not taken is thrown away. Thread: main or the stop thread,
-    /// at the end.
+    /// Ends the running serial consumer, if there is one, whatever it is blocked in. Returns once its port is closed,
+    /// or after a second. What the line has not taken is thrown away. Thread: main or the stop thread, at the end.
     static void endOutput();
 
 private:
-    [[nodiscard]] int openOrEndProcess() const;
+    [[nodiscard]] KAV::Descriptor openOrEndProcess() const;
     void configureLine(int port) const;
     void chooseStandard(int port) const;
 
     nmeaDataSubject *subject; ///< not owned
     std::string devicePath;
-    speed_t speed;
-    std::int16_t parity;
-    std::int16_t stopBits;
-    std::int16_t charSize;
-    tcflag_t hwFlow;
+    speed_t speed;         ///< a speed code, such as B115200
+    std::int16_t parity;   ///< 0, PARENB or PARENB | PARODD
+    std::int16_t stopBits; ///< 0 or CSTOPB
+    std::int16_t charSize; ///< CS7 or CS8
+    tcflag_t hwFlow;       ///< 0 or CRTSCTS
     bool rs485;
 };

@@ -1,7 +1,6 @@
 #include "support/Descriptor.h"
 
-#include "support/CancelShield.h"
-#include "support/ErrnoKeeper.h"
+#include "support/guards.h"
 
 #include <unistd.h>
 

@@ -1,8 +1,19 @@
 #pragma once
 
-#include "support/ThreadAnnotations.h"
-
 #include <mutex>
+
+/// Lock rules that clang checks (-Wthread-safety, preset "clang"); other compilers ignore them.
+#if defined(__clang__)
+#define KAV_ANNOTATION(x) __attribute__((x))
+#else
+#define KAV_ANNOTATION(x)
+#endif
+
+#define KAV_CAPABILITY(name) KAV_ANNOTATION(capability(name))
+#define KAV_SCOPED_CAPABILITY KAV_ANNOTATION(scoped_lockable)
+#define KAV_GUARDED_BY(lock) KAV_ANNOTATION(guarded_by(lock))
+#define KAV_ACQUIRE(...) KAV_ANNOTATION(acquire_capability(__VA_ARGS__))
+#define KAV_RELEASE(...) KAV_ANNOTATION(release_capability(__VA_ARGS__))
 
 namespace KAV {
 
@@ -17,9 +28,9 @@ public:
     ~Lock() = default;
 
     /// Blocks until the caller owns the mutex.
-    void lock() KAV_ACQUIRE();
-    /// The caller must own the mutex.
-    void unlock() KAV_RELEASE();
+    void lock() KAV_ACQUIRE() { mutex.lock(); }
+    /// REQUIRES: the caller owns the mutex.
+    void unlock() KAV_RELEASE() { mutex.unlock(); }
 
 private:
     std::mutex mutex;
@@ -28,10 +39,10 @@ private:
 /// Owns a lock for the length of a scope: on return, on exception and on cancellation of the thread.
 class KAV_SCOPED_CAPABILITY Hold {
 public:
-    explicit Hold(Lock &lock) KAV_ACQUIRE(lock);
+    explicit Hold(Lock &lock) KAV_ACQUIRE(lock) : held(lock) { held.lock(); }
     Hold(const Hold &) = delete;
     Hold &operator=(const Hold &) = delete;
-    ~Hold() KAV_RELEASE();
+    ~Hold() KAV_RELEASE() { held.unlock(); }
 
 private:
     Lock &held;

@@ -1,8 +1,7 @@
 #include "support/Logger.h"
 
-#include "support/CancelShield.h"
 #include "support/Descriptor.h"
-#include "support/ErrnoKeeper.h"
+#include "support/guards.h"
 
 #include <algorithm>
 #include <array>
@@ -32,7 +31,7 @@ namespace KAV {
 
 namespace {
 
-/// Trivially destructible on purpose: threads log until the last instant of the process.
+/// Trivially destructible: threads may log while the process exits.
 struct State {
     int threshold = Logger::PrintLevel::INFO_LEVEL;
     Logger::PrintMode mode = Logger::PRINT_STDERR;
@@ -54,7 +53,7 @@ bool somebodyListensOn(const char *path, int socketType)
     return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN;
 }
 
-/// Room for a text: as much as was asked for, or, while memory is out, enough for the beginning of it.
+/// A buffer of the wanted size or, while memory is out, one that holds the beginning of the text.
 class Room {
 public:
     explicit Room(std::size_t wanted)
@@ -71,8 +70,8 @@ private:
     std::size_t bytes;
 };
 
-/// How many bytes at the beginning of `text`, which is not empty, are one character that may go to a terminal as it is;
-/// 0 for a byte that may not. A lone CR is none: it would let a peer's text overwrite the line that it stands in.
+/// The length in bytes of the character that `text` begins with, if a terminal may have it unchanged; otherwise 0. A
+/// lone CR may not pass: a peer's text could overwrite its own log line. REQUIRES: `text` is not empty.
 std::size_t harmlessLength(std::string_view text)
 {
     const auto at = [text](std::size_t index) { return static_cast<unsigned char>(text[index]); };
@@ -80,9 +79,9 @@ std::size_t harmlessLength(std::string_view text)
         const bool endOfLine = text[0] == '\n' || (text[0] == '\r' && text.substr(1, 1) == "\n");
         return (at(0) >= 0x20 && at(0) != 0x7f) || text[0] == '\t' || endOfLine ? 1 : 0;
     }
-    // UTF-8 (RFC 3629): how long, the least code that needs this length, and no more than Unicode has.
+    // UTF-8 (RFC 3629): the right length for the code, no surrogate, nothing beyond Unicode.
     const std::size_t length = at(0) >= 0xf0 ? 4 : at(0) >= 0xe0 ? 3 : 2;
-    constexpr std::array<std::uint32_t, 5> least{0, 0, 0xa0, 0x800, 0x10000}; // 0x80 to 0x9f are control codes
+    constexpr std::array<std::uint32_t, 5> least{0, 0, 0xa0, 0x800, 0x10000}; // C1 controls are below 0xa0
     if (at(0) < 0xc2 || at(0) > 0xf4 || text.size() < length)
         return 0;
     std::uint32_t code = at(0) & (0x7fU >> length);
@@ -95,14 +94,14 @@ std::size_t harmlessLength(std::string_view text)
     return code >= least[length] && code <= 0x10ffff && !surrogate ? length : 0;
 }
 
-/// Writes `text` to `to`, as far as there is room, and what must not drive a terminal as \xNN. Returns its end.
+/// Copies `text` to `to` as far as there is room, with \xNN for what a terminal must not get. Returns the end.
 char *writeHarmless(std::string_view text, char *to, const char *end)
 {
     constexpr std::size_t escaped = sizeof "\\xNN" - 1;
     while (!text.empty()) {
         const std::size_t length = harmlessLength(text);
         const std::size_t needed = length > 0 ? length : escaped;
-        if (static_cast<std::size_t>(end - to) <= needed) // one more for the NUL of snprintf, or for the line end
+        if (static_cast<std::size_t>(end - to) <= needed) // room for snprintf's NUL, or for the line end
             break;
         if (length > 0)
             std::memcpy(to, text.data(), length);
@@ -121,8 +120,8 @@ int priorityOf(int level)
     return level <= Logger::PrintLevel::INFO_LEVEL ? LOG_INFO : LOG_DEBUG;
 }
 
-/// What lines are written to. A terminal or a pipe is opened anew for each: a write that poll(2) has promised room for
-/// may block there all the same, and O_NONBLOCK on the shared one would be everybody's.
+/// Standard error, without blocking. On a terminal or a pipe a write may block although poll(2) reported room, and
+/// O_NONBLOCK on the shared description would affect other processes: so these are opened anew for each line.
 class LogStream {
 public:
     LogStream() : own(isTerminalOrPipe() ? ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1)
@@ -140,7 +139,7 @@ private:
     const Descriptor own;
 };
 
-/// Waits until `stream` takes something; false when it does not before `deadline`.
+/// Waits until `stream` takes bytes; false when `deadline` comes first.
 bool isWritable(int stream, std::chrono::steady_clock::time_point deadline)
 {
     pollfd reader{stream, POLLOUT, 0};
@@ -153,13 +152,13 @@ bool isWritable(int stream, std::chrono::steady_clock::time_point deadline)
     return ready > 0;
 }
 
-/// Whole lines, whatever the other threads write: a pipe keeps only short ones apart by itself (pipe(7)). A reader
-/// that takes nothing must hold nobody up: the line is lost then, and the next ones are not waited for.
+/// Writes whole lines: the lock keeps threads apart, since a pipe does so only up to PIPE_BUF bytes (pipe(7)). When the
+/// reader takes nothing, the line is lost, and later ones are not waited for until it reads again.
 void writeToStderr(std::string_view line)
 {
     constexpr std::chrono::milliseconds patience{100};
     static constinit bool stalled = false;
-    static constinit bool cut = false; ///< the last line lacks its end
+    static constinit bool cut = false; ///< the last line went out without its end
     const std::lock_guard alone(stderrLock);
     const LogStream stream;
     const auto deadline = std::chrono::steady_clock::now() + (stalled ? std::chrono::milliseconds{0} : patience);

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 namespace KAV {
@@ -58,11 +60,15 @@ public:
 
 } // namespace KAV
 
-/// Logs at ERROR, INFO or DEBUG: KAV_LOG(ERROR, "format", values...). The values, `errno` included, are
-/// computed only when the level passes, and after the test for it.
+/// Logs at ERROR, INFO or DEBUG: KAV_LOG(ERROR, "format", values...). The values are computed only when the level
+/// passes.
 #define KAV_LOG(LEVEL, ...)                                                                                            \
     do {                                                                                                               \
         if (KAV::Logger::isPrintable(KAV::Logger::PrintLevel::LEVEL##_LEVEL))                                          \
             KAV::Logger::printfGeneric(KAV::Logger::PrintLevel::LEVEL##_LEVEL, KAV::Logger::PrintLevel::LEVEL##_LABEL, \
                                        __VA_ARGS__);                                                                   \
     } while (false)
+
+/// Logs a failed call at ERROR level; the last two values of the format, %d and %s, are `errno` and its meaning:
+/// KAV_LOG_ERRNO("connect() failed with error code: %d : %s\n").
+#define KAV_LOG_ERRNO(...) KAV_LOG(ERROR, __VA_ARGS__, errno, std::strerror(errno))

@@ -1,7 +1,5 @@
 #include "support/Thread.h"
 
-#include "support/Logger.h"
-
 #include <array>
 #include <cassert>
 #include <cerrno>
@@ -15,12 +13,12 @@ namespace KAV {
 
 namespace {
 
-/// Small: with the default of 8 MiB a 32-bit process runs out of addresses at a few hundred threads.
+/// With the default of 8 MiB a 32-bit process runs out of addresses at a few hundred threads.
 constexpr std::size_t stackBytes = std::size_t{KAV_THREAD_STACK_KIB} * 1024;
 
 constexpr std::array mainThreadSignals{SIGINT, SIGHUP, SIGPIPE, SIGALRM};
 
-/// Blocks the main thread's signals for the length of a scope; a thread created in it inherits the mask.
+/// Blocks the main thread's signals until the end of the scope; a thread created meanwhile inherits the mask.
 class SignalsBlocked {
 public:
     SignalsBlocked()
@@ -41,7 +39,7 @@ private:
 
 } // namespace
 
-/// Marks the end of the body, on return and on cancellation alike, and tells whose turn it is to delete.
+/// Records the end of the body, on return and on cancellation, and whether the library is to delete the object.
 class Thread::BodyScope {
 public:
     BodyScope(Thread &_thread, bool &_libraryDeletes) : thread(_thread), libraryDeletes(_libraryDeletes) {}
@@ -73,7 +71,7 @@ void Thread::start()
 {
     int error = 0;
     {
-        // The new thread waits for this lock before it runs the body: the object may be gone right after that.
+        // Held until the members are set: the new thread waits for it, and may delete the object soon after.
         const std::lock_guard hold(state);
         error = create();
         running = error == 0;
@@ -151,8 +149,7 @@ bool Thread::isAlive() const
     return running;
 }
 
-// Where most bodies are when they are cancelled: the address sanitizer, which does not follow that kind of unwinding,
-// would leave this frame marked behind.
+// Most bodies are cancelled here. The address sanitizer does not see that unwinding and would keep this frame poisoned.
 [[gnu::no_sanitize_address]] void Thread::sleep(unsigned int milliseconds)
 {
     timespec left{static_cast<time_t>(milliseconds / 1000), static_cast<long>(milliseconds % 1000) * 1'000'000L};

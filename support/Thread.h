@@ -1,9 +1,14 @@
 #pragma once
 
+#include "support/Logger.h"
+
 #include <condition_variable>
+#include <exception>
 #include <mutex>
+#include <new>
 #include <pthread.h>
 #include <string>
+#include <utility>
 
 namespace KAV {
 
@@ -20,10 +25,10 @@ public:
     Thread(const Thread &) = delete;
     Thread &operator=(const Thread &) = delete;
 
-    /// Releases what the library holds. The body must not run any more.
+    /// Releases what the library holds. REQUIRES: the body does not run.
     virtual ~Thread();
 
-    /// Creates the thread. Not to be called twice.
+    /// Creates the thread. REQUIRES: not started before.
     ///
     /// Errors: std::system_error when the thread cannot be created, like std::thread: `start` is called from
     /// constructors, which have no result, and an object whose body will never run must not come into being.
@@ -38,8 +43,8 @@ public:
     /// The body.
     virtual void execute() = 0;
 
-    /// Ends the body as `stop` does, but does not wait for that. An object of the library's is not deleted then: only
-    /// for the end of the process. REQUIRES: the object exists; one of the library's does as long as its body runs.
+    /// Cancels the body without waiting for its end. An object that the library owns is not deleted then, so this is
+    /// for the end of the process. REQUIRES: the object exists; one that the library owns does while its body runs.
     void cancel();
 
     /// Blocks until the body has returned; at once when it already has.
@@ -68,12 +73,27 @@ private:
     const std::string name;
     const bool ownerDeletes;
     pthread_t handle{};
-    bool joinable = false; ///< an operating-system thread waits for its pthread_join
+    bool joinable = false; ///< pthread_join is still to be called
 
-    mutable std::mutex state; ///< guards the members below; nothing is called out to while it is held
+    mutable std::mutex state; ///< guards the members below; held for their changes only
     std::condition_variable ended;
     bool running = false;
     bool stopping = false; ///< a caller of `stop` destroys the object, so the library must not
 };
+
+/// Makes a worker, whose constructor starts its thread. Null, after an ERROR line, when the thread could not be
+/// created or memory is out; the rest of the program goes on. Who deletes the worker: see Thread.
+template <typename Worker, typename... Arguments>
+[[nodiscard]] Worker *startWorker(Arguments &&...arguments)
+{
+    try {
+        return new Worker(std::forward<Arguments>(arguments)...);
+    } catch (const std::bad_alloc &) {
+        KAV_LOG(ERROR, "out of memory: no thread was created\n");
+    } catch (const std::exception &error) {
+        KAV_LOG(ERROR, "%s\n", error.what());
+    }
+    return nullptr;
+}
 
 } // namespace KAV

@@ -9,13 +9,21 @@ extern std::atomic<int> exitRequested;
 
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes this flag");
 
-/// Sets `exitRequested`, and wakes who waits for it or for `exitEvent`. Async-signal-safe, as the SIGINT handler calls
-/// it: `notify_all` of a lock-free atomic is (C++20, [support.signal]), and what libstdc++ 12 makes of it on amd64 and
-/// armhf is a store, loads and atomic additions, a futex(2) call, then eventfd_write(3); no lock is taken.
+/// Sets `exitRequested` and wakes those who wait for it or for `exitEvent`.
+///
+/// Async-signal-safe: `notify_all` of a lock-free atomic is (C++20, [support.signal]; in libstdc++ 12 on amd64 and
+/// armhf it is atomic operations and one futex(2) call), and so is eventfd_write(3).
 void requestExit();
 
-/// Creates the eventfd behind `exitEvent`, which is never closed. Thread: main, before any other starts.
-void makeExitEvent();
+/// Creates the eventfd behind `exitEvent`; it is never closed. Thread: main, before any other starts.
+void createExitEvent();
 
-/// For poll(2): readable from the exit request on. -1, which poll ignores, when the system had none.
+/// A descriptor for poll(2), readable from the exit request on; -1, which poll ignores, when it could not be created.
 int exitEvent();
+
+/// Sets what `endProcess` does first, on the thread that calls it. Thread: main, before any other starts.
+void beforeProcessEnds(void (*act)());
+
+/// Ends the process at once with `status`, without the clean-up that would destroy what other threads still use
+/// (_exit(2)). Any thread.
+[[noreturn]] void endProcess(int status);

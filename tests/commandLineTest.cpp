@@ -1,6 +1,5 @@
 #include "app/commandLine.h"
-#include "nmea/SentenceFilter.h"
-#include "serial/lineSettings.h"
+#include "nmea/sentence.h"
 #include "support/Text.h"
 
 #include "harness.h"
@@ -27,13 +26,6 @@ TEST(parseCommandLine, takesEveryOption)
     EXPECT_EQ(s.stationId, "--gga") << "a value is a value, whatever it looks like";
     EXPECT_FALSE(filterOf(SentenceType::GGA).enabled);
     EXPECT_EQ(parsed("--parity even").serialParity, PARENB);
-
-    termios line{};
-    line.c_cflag = CLOCAL | CS8;
-    line.c_lflag = ICANON | ECHO;
-    applyLineSettings(line, {s.serialSpeed, s.serialCharSize, s.serialParity, s.serialStopBits, s.serialHwFlow});
-    EXPECT_EQ(line.c_cflag & ~static_cast<tcflag_t>(CBAUD | CIBAUD), CLOCAL | CS7 | PARENB | PARODD | CSTOPB | CRTSCTS);
-    EXPECT_EQ(std::tuple(cfgetospeed(&line), line.c_lflag), std::tuple(B57600, 0U));
 }
 
 TEST(parseCommandLine, keepsDefaultsForWhatIsMissing)

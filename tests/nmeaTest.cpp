@@ -1,8 +1,8 @@
 #include "nmea/Observer.h"
+#include "nmea/gpspipe.h"
 #include "nmea/handleNMEAString.h"
-#include "nmea/kavGPSGetNMEAStrings.h"
 #include "nmea/nmeaDataSubject.h"
-#include "nmea/sentenceType.h"
+#include "nmea/sentence.h"
 
 #include "harness.h"
 

@@ -1,6 +1,5 @@
 // Input: the arguments, each but the last ended by NUL.
 #include "app/commandLine.h"
-#include "app/baudTable.h"
 
 /// 1 is the parser's, which must not end the fuzzer.
 extern "C" [[noreturn]] void __wrap_exit(int status) { status == 1 ? throw status : std::_Exit(status); }

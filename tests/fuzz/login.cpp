@@ -38,7 +38,7 @@ static void check(FuzzedDataProvider input)
     const int next = ::dup(ends[1]);
     ::close(next); // what a leak would take
     if (listening) {
-        delete new ClientHandlerThread(lowest, "secret", 3);
+        delete new ClientHandlerThread(KAV::Descriptor(lowest), "secret", 3);
     } else {
         ::close(lowest); // the uplink's socket will take its number
         delete new ClientThread("127.0.0.1", 1, 't', "secret");

@@ -2,7 +2,7 @@
 #include "nmea/Observer.h"
 #include "nmea/handleNMEAString.h"
 #include "nmea/nmeaDataSubject.h"
-#include "nmea/sentenceType.h"
+#include "nmea/sentence.h"
 
 static struct Mailbox : Observer {
     Mailbox() : Observer("mailbox")

@@ -1,7 +1,6 @@
-#include "nmea/sentenceType.h"
+#include "nmea/sentence.h"
 
 #include <algorithm>
-#include <array>
 
 namespace {
 
@@ -38,4 +37,16 @@ std::optional<SentenceType> findSentenceType(std::string_view line)
     if (lowest == typeNames.size())
         return std::nullopt;
     return static_cast<SentenceType>(lowest);
+}
+
+constinit std::array<SentenceFilter, sentenceTypeCount> sentenceFilters{};
+
+bool isSentenceDue(SentenceFilter &filter, std::time_t now, int interval)
+{
+    if (!filter.enabled)
+        return false;
+    if (interval != 1 && now - filter.lastSent < interval)
+        return false;
+    filter.lastSent = now;
+    return true;
 }

@@ -1,0 +1,122 @@
+#include "nmea/gpspipe.h"
+
+#include "support/Logger.h"
+#include "support/Thread.h"
+#include "support/guards.h"
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <memory>
+#include <mutex>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int endOfOutput = 0;
+constexpr int noLine = 32;
+
+/// Inode of the reader's pipe, 0 before the first one. Kept when the stream is closed, since pclose may still wait.
+constinit std::atomic<std::uint32_t> pipeInode{0};
+
+/// Held while gpspipe is started, so that it is not looked for before its pipe is known.
+constinit std::mutex startLock;
+
+struct ClosePipe {
+    void operator()(std::FILE *stream) const { ::pclose(stream); }
+};
+using Stream = std::unique_ptr<std::FILE, ClosePipe>;
+
+struct CloseFolder {
+    void operator()(DIR *folder) const
+    {
+        const KAV::CancelShield shield;
+        ::closedir(folder);
+    }
+};
+
+/// Starts `command` and remembers its pipe. Null when it cannot be started.
+Stream start(const char *command)
+{
+    const std::lock_guard starting(startLock);
+    Stream stream(::popen(command, "r"));
+    struct stat status {};
+    if (stream && ::fstat(::fileno(stream.get()), &status) == 0)
+        pipeInode.store(static_cast<std::uint32_t>(status.st_ino)); // pipefs counts its inodes in 32 bits
+    return stream;
+}
+
+/// True for a process of our group that has `pipe` as its standard output; the group is asked because inode numbers are
+/// used again. Allocates nothing, since it must work while memory is out.
+bool writesTo(const char *pipe, pid_t process)
+{
+    std::array<char, 64> link{};
+    std::array<char, 64> target{};
+    std::snprintf(link.data(), link.size(), "/proc/%d/fd/%d", process, STDOUT_FILENO);
+    return ::getpgid(process) == ::getpgrp() && ::readlink(link.data(), target.data(), target.size() - 1) > 0 &&
+           std::strcmp(pipe, target.data()) == 0;
+}
+
+/// Sends `signal` to every process that writes to the pipe; returns how many there were.
+int signalWriters(int signal)
+{
+    const std::unique_ptr<DIR, CloseFolder> processes(::opendir("/proc"));
+    std::array<char, 32> pipe{};
+    std::snprintf(pipe.data(), pipe.size(), "pipe:[%u]", pipeInode.load());
+    int found = 0;
+    while (const dirent *const entry = processes ? ::readdir(processes.get()) : nullptr) {
+        const pid_t process = std::atoi(entry->d_name); // 0 for what is not a process
+        if (process > 0 && process != ::getpid() && writesTo(pipe.data(), process) && ::kill(process, signal) == 0)
+            ++found;
+    }
+    return found;
+}
+
+} // namespace
+
+int kavGPSGetNMEAStrings(int timestamp, LineCallback callback, int interval, const std::string *decoration)
+{
+    std::array<char, 128> command{};
+    std::snprintf(command.data(), command.size(), "gpspipe %s-r", timestamp != 0 ? "-t " : "");
+    const Stream stream = start(command.data());
+    if (!stream) {
+        KAV_LOG(ERROR, "kavGPSGetNMEAStrings(): failed to popen stream for reading output of command '%s'\n",
+                command.data());
+        return noLine;
+    }
+
+    std::array<char, 512> line;
+    while (std::feof(stream.get()) == 0) {
+        if (std::fgets(line.data(), static_cast<int>(line.size()), stream.get()) == nullptr) {
+            // Interrupted: pclose would wait for a gpspipe that may never write again.
+            if (std::feof(stream.get()) == 0)
+                endGpspipe();
+            return noLine;
+        }
+        static_cast<void>(KAV::ifMemoryAllows([&] { callback(line.data(), interval, decoration); }));
+    }
+    return endOfOutput;
+}
+
+void endGpspipe()
+{
+    constexpr int politeRounds = 10;
+    constexpr int rounds = 2 * politeRounds; // a process in an uninterruptible wait outlives even SIGKILL
+    for (int round = 0; round < rounds; ++round) {
+        if (signalWriters(round < politeRounds ? SIGTERM : SIGKILL) == 0)
+            return;
+        KAV::Thread::sleep(20);
+    }
+}
+
+void endGpspipeForGood()
+{
+    startLock.lock(); // never released: the main thread may be about to start another
+    endGpspipe();
+}
