@@ -1,0 +1,45 @@
+# What the scripts share: `. "$(dirname "$0")/lib.sh"`. Goes to the root of the tree; the first failing command ends
+# the script.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+# fail WORDS...: says what is wrong and ends the script.
+fail()
+{
+    echo "FAILED: $*" >&2
+    exit 1
+}
+
+# install PACKAGE...: the Debian packages that are missing, of those named and those that every build needs. Takes
+# root or sudo only when something is missing; one call at a time, since checks run side by side.
+install()
+{
+    local package missing=() apt=(env DEBIAN_FRONTEND=noninteractive flock /var/lib/apt apt-get -q)
+    for package in g++ cmake ninja-build libgtest-dev libgmock-dev "$@"; do
+        dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    [ "$(id -u)" = 0 ] || apt=(sudo "${apt[@]}")
+    echo "installing ${missing[*]}"
+    "${apt[@]}" update && "${apt[@]}" install -y --no-install-recommends "${missing[@]}"
+}
+
+# build PRESET [CMAKE OPTION...]: configures and builds build/PRESET; shows the end of the log when that fails.
+build()
+{
+    local log=build/$1.log
+    echo "building build/$1"
+    mkdir -p build
+    { cmake --preset "$@" && cmake --build "build/$1"; } >"$log" 2>&1 || { tail -n 40 "$log" && fail "see $log"; }
+}
+
+# within SECONDS COMMAND...: waits until the command succeeds; status 1 when it does not.
+within()
+{
+    local end=$((SECONDS + $1))
+    shift
+    until "$@"; do
+        [ $SECONDS -lt $end ] || return 1
+        sleep 0.2
+    done
+}
