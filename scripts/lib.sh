@@ -24,13 +24,17 @@ install()
     "${apt[@]}" update && "${apt[@]}" install -y --no-install-recommends "${missing[@]}"
 }
 
-# build PRESET [CMAKE OPTION...]: configures and builds build/PRESET; shows the end of the log when that fails.
+# build PRESET [CMAKE OPTION...]: configures and builds build/PRESET; shows the end of the log when that fails. Checks
+# that run side by side take turns.
 build()
 {
     local log=build/$1.log
     echo "building build/$1"
     mkdir -p build
-    { cmake --preset "$@" && cmake --build "build/$1"; } >"$log" 2>&1 || { tail -n 40 "$log" && fail "see $log"; }
+    { flock 9 && cmake --preset "$@" && cmake --build "build/$1"; } >"$log" 2>&1 9>>"$log.lock" || {
+        tail -n 40 "$log"
+        fail "build/$1 does not build: $log"
+    }
 }
 
 # within SECONDS COMMAND...: waits until the command succeeds; status 1 when it does not.

@@ -82,7 +82,7 @@ echo "--- comes back after a crash, with one gpspipe"
 kill -KILL "$pid"
 within 20 no is MainPID "$pid"
 within 20 is SubState running
-within 10 pgrep -x -U "$user" gpspipe
+within 10 pgrep -x -U "$user" gpspipe >/dev/null
 [ "$(pgrep -cx -U "$user" gpspipe)" = 1 ]
 
 echo "--- stops in order"
