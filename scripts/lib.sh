@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # What the scripts share: `. "$(dirname "$0")/lib.sh"`. Goes to the root of the tree; the first failing command ends
 # the script.
 set -euo pipefail

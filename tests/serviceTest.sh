@@ -26,9 +26,14 @@ is() { [ "$(property "$1")" = "$2" ]; }
 no() { ! "$@"; } # a bare ! would not end the script
 log() { journalctl --no-pager -o cat -u navtwine "$@"; }
 logged() { log "${@:2}" | grep -F -- "$1" >/dev/null; } # not -q, which could break the pipe
-setOptions() { sed -i "s|^NAVTWINE_OPTIONS=.*|NAVTWINE_OPTIONS=\"$1\"|" $options && systemctl restart navtwine; }
+setOptions()
+{
+    sed -i "s|^NAVTWINE_OPTIONS=.*|NAVTWINE_OPTIONS=\"$1\"|" $options
+    systemctl restart navtwine
+}
 files()
 {
+    # What lies there comes and goes whatever is installed.
     local passing='/(proc|sys|dev|run|tmp|try|var/(cache|log|tmp|lib/(apt|dpkg|systemd)))'
     find / -xdev -regextype egrep -regex "$passing" -prune -o -print | sort
 }
