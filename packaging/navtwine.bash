@@ -32,7 +32,7 @@ _navtwine()
             mapfile -t COMPREPLY < <(compgen -W '10 30 50' -- "$cur")
             return ;;
         --server-port | --server-passwd | --client-port | --client-passwd | --id | --id-prefix | --interval)
-            return ;; # anything goes
+            return ;; # free text, nothing to complete
     esac
 
     local options='-e -h --help --daemonize --no-daemonize --timestamp --no-timestamp
