@@ -8,7 +8,9 @@
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <iostream>
 #include <netinet/in.h>
+#include <optional>
 #include <poll.h>
 #include <sys/wait.h>
 #include <thread>
@@ -38,15 +40,29 @@ inline std::string contentOf(const fs::path &file)
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-inline auto countOf(const fs::path &folder) { return std::distance(fs::directory_iterator(folder), {}); }
+/// A file or folder in which the kernel tells about a process.
+inline fs::path proc(pid_t process, const std::string &file) { return "/proc/" + std::to_string(process) + "/" + file; }
 
-/// A folder that goes with the object, with a `gpspipe` of the test's own in it, the body of a shell script.
+/// Whether a process is there. A zombie, which nobody reaps in some containers, has no command line any more.
+inline bool runs(pid_t process) { return !contentOf(proc(process, "cmdline")).empty(); }
+
+/// How often `text` occurs in `all`.
+inline int countOf(const std::string &text, const std::string &all)
+{
+    int count = 0;
+    for (std::size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + text.size()))
+        ++count;
+    return count;
+}
+
+/// A folder that goes with the object, with a `gpspipe` of the test's own in it, a shell script that works there and
+/// leaves its process number in the file "pid".
 struct FakeGpspipe {
     explicit FakeGpspipe(const std::string &body)
     {
         std::string pattern = fs::temp_directory_path() / "navtwine-test-XXXXXX";
         folder = ::mkdtemp(pattern.data());
-        std::ofstream(folder / "gpspipe") << "#!/bin/sh\n" << body << '\n';
+        std::ofstream(folder / "gpspipe") << "#!/bin/sh\ncd \"${0%/*}\"; echo $$ >new; mv new pid\n" << body << '\n';
         fs::permissions(folder / "gpspipe", fs::perms::owner_all);
     }
     FakeGpspipe &operator=(FakeGpspipe &&) = delete;
@@ -78,8 +94,7 @@ struct Peer {
         pollfd waiting{socket.get(), POLLIN, 0};
         return ::poll(&waiting, 1, static_cast<int>(limit.count())) > 0;
     }
-    /// Reads until `text` has come, the peer closes, or the limit is over; all that was read since the last
-    /// call.
+    /// Reads until `text` has come, the peer closes, or the limit is over; all that was read since the last call.
     std::string readUntil(const std::string &text, milliseconds limit = 30s)
     {
         std::string all;
@@ -94,6 +109,8 @@ struct Peer {
         } while (!closed && all.find(text) == std::string::npos && std::chrono::steady_clock::now() < deadline);
         return all;
     }
+    /// Whether `text` comes before the peer closes.
+    bool hears(const std::string &text) { return readUntil(text).find(text) != std::string::npos; }
 
     KAV::Descriptor socket;
     bool closed = false;
@@ -125,34 +142,48 @@ struct Port : Peer {
     std::uint16_t number;
 };
 
-/// A port that takes connections.
+/// A port that takes connections: the uplink's collector.
 struct Listener : Port {
     Listener() { EXPECT_EQ(::listen(socket.get(), 5), 0); }
     [[nodiscard]] Peer accept() const { return Peer(isReady(30s) ? ::accept(socket.get(), nullptr, nullptr) : -1); }
 };
 
-/// The far end of a serial line that is none.
+/// The far end of a serial line, which is a pseudo-terminal.
 struct SerialLine : Peer {
     SerialLine() : Peer(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) { EXPECT_EQ(::unlockpt(socket.get()), 0); }
     [[nodiscard]] const char *device() const { return ::ptsname(socket.get()); }
 };
 
-/// The real program, run in the fake's folder with arguments as for a shell, where $PORT is `port`; its standard
-/// output and standard error are one text.
+struct Start {
+    std::string arguments;                   ///< as for a shell, where $PORT is a free port
+    std::string gpspipe = "exec sleep 1000"; ///< what stands in for it, a shell script
+    std::optional<std::string> faults = {};  ///< given: faulty_navtwine runs, with these (tools/faultyCalls.cpp)
+    std::string before = ":";                ///< shell commands of the process that becomes the program
+};
+
+/// The program. Its standard output and standard error are one text. It must end in order when the object goes.
 struct Program : FakeGpspipe {
-    Program(const std::string &arguments, const std::string &gpspipeBody) : FakeGpspipe(gpspipeBody), pid(::fork())
+    explicit Program(const Start &start) : FakeGpspipe(start.gpspipe), arguments(start.arguments), pid(::fork())
     {
         if (pid != 0)
             return;
         ::closefrom(3); // the test runner's own
         std::ostringstream command;
-        command << "cd " << folder << "; PATH=$PWD:$PATH; PORT=" << port
-                << "; exec </dev/null >>output 2>&1 " NAVTWINE_EMULATOR NAVTWINE_PROGRAM " " << arguments;
+        command << "cd " << folder << "; PATH=$PWD:$PATH; PORT=" << port << "; " << start.before << "; export FAULT='"
+                << start.faults.value_or("") << "'; exec </dev/null >>output 2>&1 " NAVTWINE_EMULATOR " "
+                << (start.faults ? NAVTWINE_FAULTY : NAVTWINE_PROGRAM) << ' ' << arguments;
         ::execl("/bin/sh", "sh", "-c", command.str().c_str(), nullptr);
     }
     ~Program()
     {
-        if (pid > 0 && interrupt() < 0)
+        if (pid > 0) {
+            EXPECT_EQ(interrupt(), 0);
+            EXPECT_THAT(output(), HasSubstr("INFO: execution complete\n")); // not when it took five seconds
+        }
+        EXPECT_THAT(output(), Not(HasSubstr("[a password stays in freed memory]")));
+        if (testing::Test::HasFailure())
+            std::cerr << "Output of navtwine " << arguments << ":\n" << output() << '\n';
+        if (pid > 0) // the last resort
             ::kill(pid, SIGKILL);
     }
 
@@ -162,10 +193,8 @@ struct Program : FakeGpspipe {
     {
         return eventually([&] { return output().find(text) != std::string::npos; });
     }
-    /// The number of gpspipe's process, which its script's `echo $$ > pid` told; 0 before it did.
+    /// The number of gpspipe's process; 0 before it told.
     [[nodiscard]] pid_t gpspipe() const { return std::atoi(contentOf(folder / "pid").c_str()); }
-    /// A file or folder in which the kernel tells about the process.
-    [[nodiscard]] fs::path proc(const char *file) const { return fs::path("/proc") / std::to_string(pid) / file; }
     /// Waits for the end, -1 when it does not come; the status is 128 + N for signal N.
     int wait(milliseconds limit = 30s)
     {
@@ -178,9 +207,12 @@ struct Program : FakeGpspipe {
     /// Sends a signal, then `wait`; -1, too, when the program has ended already: kill(-1) would reach everybody.
     int signal(int number, milliseconds limit) { return pid > 0 && ::kill(pid, number) == 0 ? wait(limit) : -1; }
     /// SIGINT with the three seconds that users are promised and some for a busy machine.
-    int interrupt() { return signal(SIGINT, 10s); }
+    int interrupt() { return signal(SIGINT, NAVTWINE_EMULATOR[0] == ' ' ? 4500ms : 30s); }
+    /// Makes an empty file in the folder.
+    void touch(const char *file) const { std::ofstream(folder / file).close(); }
 
     const Port reserved;
     const std::uint16_t port = reserved.number;
+    const std::string arguments;
     pid_t pid;
 };

@@ -1,16 +1,23 @@
-// A system for bad days: these calls stand in front of the C library's (linker option --wrap) in a navtwine that is
-// built for tests. The one that the environment's FAULT names, "THREAD|CALL|SKIPPED|ERRNO", fails once, with a short
-// count when ERRNO is 0.
+// A navtwine for tests, whose clock runs ten times as fast and whose system calls fail on request: the linker puts
+// these functions in front of the C library's (option --wrap), and tools/CMakeLists.txt reads their names out of this
+// file.
+//
+// The environment's FAULT names what fails: "THREAD|CALL|AFTER|ERRNO", several with a comma between. CALL fails once in
+// THREAD after AFTER calls that go well, with a short count when ERRNO is 0; several faults of one call come in turn.
+// AFTER -1: CALL fails as long as there is a file "failing" in the current folder.
 
 #include <algorithm>
-#include <atomic>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <mutex>
 #include <new>
 #include <pthread.h>
 #include <string_view>
+#include <termios.h>
 #include <thread>
 #include <unistd.h>
 
@@ -19,110 +26,139 @@ using namespace std::chrono_literals;
 /// Under valgrind or an emulator the main thread would bear that one's name.
 [[maybe_unused]] static const int named = ::pthread_setname_np(::pthread_self(), "faulty_navtwine");
 
-static char faultyThread[16] = {};
-static char faultyCall[32] = {};
+struct Fault {
+    char thread[16];
+    char call[32]; ///< a part of the symbol: "setsockopt" is "__setsockopt64" on 32-bit machines
+    int after;
+    int error;
+    bool isOver;
+};
 
-/// Whether FAULT means this thread's calls of `symbol`. Only a part of the symbol is named: "setsockopt" is
-/// "__setsockopt64" on 32-bit machines.
-static bool isMeant(std::string_view symbol)
+/// Ends in an empty one.
+static std::array<Fault, 64> readFaults()
 {
-    char thread[sizeof faultyThread];
-    ::pthread_getname_np(::pthread_self(), thread, sizeof thread);
-    return faultyCall[0] != '\0' && symbol.find(faultyCall) != symbol.npos && std::string_view(thread) == faultyThread;
+    std::array<Fault, 64> faults{};
+    const char *text = std::getenv("FAULT");
+    for (std::size_t row = 0; text != nullptr && row + 1 < faults.size(); ++row) {
+        Fault &fault = faults[row];
+        std::sscanf(text, "%15[^|]|%31[^|]|%d|%d", fault.thread, fault.call, &fault.after, &fault.error);
+        text = std::strchr(text, ',');
+        text += text != nullptr ? 1 : 0;
+    }
+    return faults;
 }
 
-/// Whether this call of `symbol` is the one. The logger's look at standard error is not counted.
-static bool fails(std::string_view symbol, long first = -1)
+/// Whether this call of `symbol` is to fail; `errno` then says how.
+static bool fails(std::string_view symbol)
 {
-    static std::atomic<int> skipped = 0;
-    static const int error = [] {
-        int skip = 0;
-        int code = 0;
-        if (const char *const fault = std::getenv("FAULT"))
-            std::sscanf(fault, "%15[^|]|%31[^|]|%d|%d", faultyThread, faultyCall, &skip, &code);
-        skipped = skip;
-        return code;
-    }();
-    const bool isLogger = symbol.find("fstat") != symbol.npos && first == STDERR_FILENO;
-    if (!isMeant(symbol) || isLogger || skipped-- != 0)
+    static constinit std::mutex lock;
+    static std::array<Fault, 64> faults = readFaults();
+    char thread[sizeof Fault::thread];
+    ::pthread_getname_np(::pthread_self(), thread, sizeof thread);
+    const std::lock_guard alone(lock);
+    const auto next = std::find_if(faults.begin(), faults.end(), [&](const Fault &fault) {
+        const bool isMeant = fault.call[0] != '\0' && symbol.find(fault.call) != symbol.npos;
+        return isMeant && !fault.isOver && std::strcmp(thread, fault.thread) == 0;
+    });
+    if (next == faults.end())
         return false;
-    ::dprintf(STDERR_FILENO, "[%s fails]\n", faultyCall);
-    errno = error;
+    const bool lasts = next->after < 0;
+    if (lasts ? ::access("failing", F_OK) != 0 : next->after-- > 0)
+        return false;
+    next->isOver = !lasts;
+    ::dprintf(STDERR_FILENO, "[%s fails]\n", next->call);
+    errno = next->error;
     return true;
 }
 
-/// The one call that fails for a while: as long as there is a file "out-of-memory" in the current folder. Small
-/// requests go well: what is short enough for a string's own room does not get here either.
+/// Small requests go well: what is short enough for a string's own room does not get here either.
 void *operator new(std::size_t size)
 {
-    if (size >= 24 && isMeant("operator new") && ::access("out-of-memory", F_OK) == 0) {
-        ::dprintf(STDERR_FILENO, "[operator new fails]\n");
+    if (size >= 24 && fails("operator new"))
         throw std::bad_alloc();
-    }
-    return std::malloc(size);
+    return std::calloc(1, size);
 }
 void operator delete(void *memory) noexcept { std::free(memory); }
-void operator delete(void *memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void *memory, std::size_t size) noexcept
+{
+    if (::memmem(memory, size, "secret", 6) != nullptr) // in every password of the tests
+        ::dprintf(STDERR_FILENO, "[a password stays in freed memory]\n");
+    std::free(memory);
+}
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the linker makes these names.
 
 // Whatever the calls take and return fits into registers, or is handed on from the caller's stack.
 using Word = long;
-#define FAILING(symbol, failure)                                                                                       \
+
+/// The logger's calls are not counted: they would change with every new line of the log.
+static bool isLoggers(std::string_view symbol, Word first)
+{
+    if (symbol == "poll")
+        return *reinterpret_cast<const int *>(first) == STDERR_FILENO;
+    return static_cast<int>(first) == STDERR_FILENO && (symbol == "write" || symbol.find("fstat") != symbol.npos);
+}
+
+/// What a call was given, where the effect cannot be seen from outside.
+#define TELL(...) ::dprintf(STDERR_FILENO, __VA_ARGS__)
+static void tellLine(Word settings)
+{
+    const tcflag_t flags = reinterpret_cast<const termios *>(settings)->c_cflag;
+    TELL("[line %s%s%s]\n", (flags & CSIZE) == CS7 ? "CS7" : "CS8", (flags & PARENB) != 0 ? " PARENB" : "",
+         (flags & PARODD) != 0 ? " PARODD" : "");
+}
+static int numberAt(Word address) { return *reinterpret_cast<const int *>(address); }
+
+#define FAILING(symbol, failure, ...)                                                                                  \
     extern "C" [[gnu::weak]] Word __real_##symbol(Word, Word, Word, Word, Word, Word, Word);                           \
-    extern "C" Word __wrap_##symbol(Word a, Word b, Word size, Word d, Word e, Word f, Word g)                         \
+    extern "C" Word __wrap_##symbol(Word a, Word b, Word c, Word d, Word e, Word f, Word g)                            \
     {                                                                                                                  \
-        const bool faulty = fails(#symbol, a);                                                                         \
+        __VA_ARGS__;                                                                                                   \
+        const bool faulty = !isLoggers(#symbol, a) && fails(#symbol);                                                  \
         if (faulty && errno != 0)                                                                                      \
             return failure;                                                                                            \
-        return __real_##symbol(a, b, faulty ? size / 2 : size, d, e, f, g);                                            \
+        return __real_##symbol(a, b, faulty ? c / 2 : c, d, e, f, g); /* the size, where there is one */               \
     }
-FAILING(accept4, -1);
-FAILING(bind, -1);
-FAILING(connect, -1);
-FAILING(eventfd, -1);
-FAILING(fgets, 0);
-FAILING(gethostbyname2_r, -1);
-FAILING(fstat64, -1);
-FAILING(__fstat64_time64, -1);
-FAILING(getrlimit64, -1);
-FAILING(ioctl, -1);
-FAILING(__ioctl_time64, -1);
-FAILING(listen, -1);
-FAILING(open64, -1);
-FAILING(opendir, 0);
-FAILING(poll, -1);
-FAILING(popen, 0);
-FAILING(pthread_create, errno);
-FAILING(recv, -1);
-FAILING(send, -1);
-FAILING(setrlimit64, -1);
-FAILING(setsockopt, -1);
-FAILING(__setsockopt64, -1);
-FAILING(socket, -1);
-FAILING(tcgetattr, -1);
-FAILING(tcsetattr, -1);
-FAILING(write, -1);
-
-/// Says which queue is flushed.
-extern "C" int __real_tcflush(int port, int queue);
-extern "C" int __wrap_tcflush(int port, int queue)
-{
-    ::dprintf(STDERR_FILENO, "[tcflush %d]\n", queue);
-    return fails("tcflush") ? -1 : __real_tcflush(port, queue);
-}
+FAILING(accept4, -1)
+FAILING(bind, -1)
+FAILING(connect, -1)
+FAILING(daemon, -1)
+FAILING(eventfd, -1)
+FAILING(fgets, 0)
+FAILING(fstat64, -1)
+FAILING(__fstat64_time64, -1)
+FAILING(gethostbyname2_r, -1)
+FAILING(getrlimit64, -1)
+FAILING(ioctl, -1, TELL("[rs485 %d]\n", numberAt(c)))
+FAILING(__ioctl_time64, -1, TELL("[rs485 %d]\n", numberAt(c)))
+FAILING(listen, -1)
+FAILING(open64, -1)
+FAILING(opendir, 0)
+FAILING(poll, -1)
+FAILING(popen, 0)
+FAILING(pthread_create, errno)
+FAILING(recv, -1)
+FAILING(send, -1)
+FAILING(setrlimit64, -1)
+FAILING(setsockopt, -1, TELL("[setsockopt %d %d %d]\n", int(b), int(c), numberAt(d)))
+FAILING(__setsockopt64, -1, TELL("[setsockopt %d %d %d]\n", int(b), int(c), numberAt(d)))
+FAILING(socket, -1)
+FAILING(tcflush, -1, TELL("[tcflush %d]\n", int(b)))
+FAILING(tcgetattr, -1)
+FAILING(tcsetattr, -1, tellLine(c))
+FAILING(write, -1)
 
 /// What goes to the system log stands on standard error instead, with what decides where it would be filed. As long as
 /// there is a file "stalled-log" in the current folder, it takes nothing.
-extern "C" void __wrap_openlog(const char *, int, int facility)
+extern "C" void __wrap_openlog(const char *identity, int, int facility)
 {
-    ::dprintf(STDERR_FILENO, "[openlog %d]\n", facility);
+    TELL("[openlog %s %d]\n", identity, facility);
 }
 extern "C" void __wrap_syslog(int priority, const char *, int size, const char *text)
 {
     while (::access("stalled-log", F_OK) == 0)
         std::this_thread::sleep_for(10ms);
-    ::dprintf(STDERR_FILENO, "[syslog %d]%.*s\n", priority, size, text);
+    TELL("[syslog %d]%.*s\n", priority, size, text);
 }
 /// What `syslog` is called where functions are fortified.
 extern "C" void __wrap___syslog_chk(int priority, int, const char *format, int size, const char *text)
@@ -130,10 +166,12 @@ extern "C" void __wrap___syslog_chk(int priority, int, const char *format, int s
     __wrap_syslog(priority, format, size, text);
 }
 
-/// Nothing sleeps for longer than a second here, and time passes ten times as fast.
+/// Nothing sleeps for longer than a second.
 extern "C" void __real__ZN3KAV6Thread5sleepEj(unsigned int milliseconds);
 extern "C" void __wrap__ZN3KAV6Thread5sleepEj(unsigned int milliseconds)
 {
+    if (milliseconds > 1000)
+        TELL("[sleep %u]\n", milliseconds);
     __real__ZN3KAV6Thread5sleepEj(std::min(milliseconds, 1000U));
 }
 extern "C" time_t __wrap_time(time_t *) { return std::chrono::steady_clock::now().time_since_epoch() / 100ms; }
