@@ -23,51 +23,42 @@
 
 using namespace std::chrono_literals;
 
-/// Under valgrind or an emulator the main thread would bear that one's name.
-[[maybe_unused]] static const int named = ::pthread_setname_np(::pthread_self(), "faulty_navtwine");
-
 struct Fault {
     char thread[16];
     char call[32]; ///< a part of the symbol: "setsockopt" is "__setsockopt64" on 32-bit machines
     int after;
     int error;
-    bool isOver;
 };
+static std::array<Fault, 64> faults;
 
-/// Ends in an empty one.
-static std::array<Fault, 64> readFaults()
+/// Under valgrind or an emulator the main thread would bear that one's name.
+[[gnu::constructor]] static void readFaults()
 {
-    std::array<Fault, 64> faults{};
+    ::pthread_setname_np(::pthread_self(), "faulty_navtwine");
     const char *text = std::getenv("FAULT");
-    for (std::size_t row = 0; text != nullptr && row + 1 < faults.size(); ++row) {
-        Fault &fault = faults[row];
-        std::sscanf(text, "%15[^|]|%31[^|]|%d|%d", fault.thread, fault.call, &fault.after, &fault.error);
+    for (auto row = faults.begin(); text != nullptr && row != faults.end(); ++row) {
+        std::sscanf(text, "%15[^|]|%31[^|]|%d|%d", row->thread, row->call, &row->after, &row->error);
         text = std::strchr(text, ',');
         text += text != nullptr ? 1 : 0;
     }
-    return faults;
 }
 
 /// Whether this call of `symbol` is to fail; `errno` then says how.
 static bool fails(std::string_view symbol)
 {
     static constinit std::mutex lock;
-    static std::array<Fault, 64> faults = readFaults();
     char thread[sizeof Fault::thread];
     ::pthread_getname_np(::pthread_self(), thread, sizeof thread);
     const std::lock_guard alone(lock);
     const auto next = std::find_if(faults.begin(), faults.end(), [&](const Fault &fault) {
-        const bool isMeant = fault.call[0] != '\0' && symbol.find(fault.call) != symbol.npos;
-        return isMeant && !fault.isOver && std::strcmp(thread, fault.thread) == 0;
+        return fault.call[0] != '\0' && symbol.find(fault.call) != symbol.npos && !std::strcmp(thread, fault.thread);
     });
-    if (next == faults.end())
+    const bool lasts = next != faults.end() && next->after < 0;
+    if (next == faults.end() || (lasts ? ::access("failing", F_OK) != 0 : next->after-- > 0))
         return false;
-    const bool lasts = next->after < 0;
-    if (lasts ? ::access("failing", F_OK) != 0 : next->after-- > 0)
-        return false;
-    next->isOver = !lasts;
     ::dprintf(STDERR_FILENO, "[%s fails]\n", next->call);
     errno = next->error;
+    next->call[0] = lasts ? next->call[0] : '\0';
     return true;
 }
 
@@ -101,13 +92,8 @@ static bool isLoggers(std::string_view symbol, Word first)
 
 /// What a call was given, where the effect cannot be seen from outside.
 #define TELL(...) ::dprintf(STDERR_FILENO, __VA_ARGS__)
-static void tellLine(Word settings)
-{
-    const tcflag_t flags = reinterpret_cast<const termios *>(settings)->c_cflag;
-    TELL("[line %s%s%s]\n", (flags & CSIZE) == CS7 ? "CS7" : "CS8", (flags & PARENB) != 0 ? " PARENB" : "",
-         (flags & PARODD) != 0 ? " PARODD" : "");
-}
 static int numberAt(Word address) { return *reinterpret_cast<const int *>(address); }
+static unsigned int frame(Word line) { return reinterpret_cast<termios *>(line)->c_cflag & (CSIZE | PARENB | PARODD); }
 
 #define FAILING(symbol, failure, ...)                                                                                  \
     extern "C" [[gnu::weak]] Word __real_##symbol(Word, Word, Word, Word, Word, Word, Word);                           \
@@ -145,15 +131,12 @@ FAILING(__setsockopt64, -1, TELL("[setsockopt %d %d %d]\n", int(b), int(c), numb
 FAILING(socket, -1)
 FAILING(tcflush, -1, TELL("[tcflush %d]\n", int(b)))
 FAILING(tcgetattr, -1)
-FAILING(tcsetattr, -1, tellLine(c))
+FAILING(tcsetattr, -1, TELL("[line %o]\n", frame(c)))
 FAILING(write, -1)
 
 /// What goes to the system log stands on standard error instead, with what decides where it would be filed. As long as
 /// there is a file "stalled-log" in the current folder, it takes nothing.
-extern "C" void __wrap_openlog(const char *identity, int, int facility)
-{
-    TELL("[openlog %s %d]\n", identity, facility);
-}
+extern "C" void __wrap_openlog(const char *name, int, int facility) { TELL("[openlog %s %d]\n", name, facility); }
 extern "C" void __wrap_syslog(int priority, const char *, int size, const char *text)
 {
     while (::access("stalled-log", F_OK) == 0)

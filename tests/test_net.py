@@ -1,0 +1,192 @@
+"""The server with its clients, and the uplink."""
+import contextlib
+import os
+import re
+import signal
+import socket
+import time
+from pathlib import Path
+
+import pytest
+from harness import EMULATED, SERVER, TO_COLLECTOR, Collector, Port, Program, SerialLine, eventually
+
+PROMPT = "PASSWORD\r\n"
+WRONG = "ERROR\r\n" + PROMPT
+LONGEST = 255 * "s"
+REPEAT = "while echo '$GPGGA,1'; do sleep 0.2; done"
+
+# Password, what the client answers, what it hears, what the log says at last.
+LOGINS = (
+    ("abc", "abc\r\n", PROMPT + "OK\r\n", "INFO: successfully logged in!\n"),
+    ("abc", "\rabc\r\n", PROMPT + "OK\r\n", "INFO: successfully logged in!\n"),
+    ("abc", "ab\r\nabc\r\n", PROMPT + WRONG + "OK\r\n", "INFO: successfully logged in!\n"),
+    ("abc", "abcd\r\nab\r\n\r\n", PROMPT + WRONG + WRONG + "ERROR\r\n", "ERROR: failed to login.\n"),
+    ("abc", 700 * "z" + "\n", PROMPT + WRONG + WRONG + "ERROR\r\n", "ERROR: failed to login.\n"),
+    ("abc", "abc", PROMPT, "ERROR: read_line_from_socket() failed or timed out\nERROR: failed to login.\n"),
+    (LONGEST, LONGEST + "\r\n", PROMPT + "OK\r\n", "INFO: successfully logged in!\n"),
+    (LONGEST + "s", LONGEST + "s\r\n", PROMPT + WRONG + WRONG, "ERROR: failed to login.\n"),
+    ("", "", "", "INFO: A remote client is trying to connect.\n"),
+)
+
+
+def test_login_lets_clients_in_with_the_password_only():
+    with contextlib.ExitStack() as stack:  # all at the same time
+        programs = [stack.enter_context(Program(f"{SERVER} --server-passwd '{row[0]}'", REPEAT, "")) for row in LOGINS]
+        clients = [program.connect() for program in programs]
+        time.sleep(1)  # ten of the thirty seconds that an answer may take
+        for client, row in zip(clients, LOGINS):
+            client.send(row[1])
+        for program, client, (_, answers, transcript, log) in zip(programs, clients, LOGINS):
+            refused = "failed to login" in log
+            assert client.read_until("never" if refused else "$GPGGA").split("$")[0] == transcript, answers
+            assert client.closed == refused, answers
+            assert program.says(log)
+            assert not refused or program.says("INFO: The remote client is disconnected.\n")
+
+
+# What a collector sends, and what the log says of it.
+HARMLESS = "\xC2\xA0\xDF\xBF \xE0\xA0\x80\xE2\x82\xAC\xED\x9F\xBF\xEE\x80\x80 \xF0\x90\x80\x80\xF4\x8F\xBF\xBF"
+HOSTILE = ("\xC2\x9B", "\xC3(", "\xC0\xAF\xE0\x9F\xBF", "\xF0\x8F\xBF\xBF", "\xED\xA0\x80\xED\xBF\xBF",
+           "\xF4\x90\x80\x80", "\xE2\x82", "".join(map(chr, [*range(1, 10), *range(11, 32), *range(127, 256)])))
+NO_PROMPT = "did not receive [PASSWORD PROMPT] from the server. Received data = "
+NO_OK = "did not receive [PASSWORD OK] from the server. Received data = "
+NO_LINE = "read_line_from_socket() failed or timed out while listening for a [PASSWORD "
+REFUSALS = (
+    ("$GPGGA,1\r\n", NO_PROMPT + "$GPGGA,1\n"),
+    (f"{HARMLESS}\n", f"{NO_PROMPT}{HARMLESS}\n"),
+    *((f"a{text}z\n", NO_PROMPT + "a" + re.sub(r"[^\t -~]", lambda byte: f"\\x{ord(byte[0]):02X}", text) + "z\n")
+      for text in HOSTILE),
+    (PROMPT + "ERROR\r\n", NO_OK + "ERROR\n"),
+    (PROMPT + "ok\r\n", NO_OK + "ok\n"),
+    ("", NO_LINE + "PROMPT] message\n"),
+    ("PASSWORD\n", NO_LINE + "OK] message\n"),
+)
+
+
+def test_uplink_tries_again():
+    collector = Collector()
+    with Program(f"-e --interval 1 --gga --client-passwd secret {TO_COLLECTOR}{collector.number}",
+                 r"n=1000; while printf '$GPGGA,%d\n' $n; do n=$((n+1)); sleep 0.5; done", "") as program:
+        for lines, log in REFUSALS:
+            session = collector.accept(lines)
+            assert program.says(f"ERROR: client authentificate:{log}ERROR: ClientThread::login to server failed. (see "
+                                "error message above for reason) : retrying login in 30000 ms...\n[sleep 30000]\n")
+            del session
+        for _ in range(2):
+            session = collector.accept(PROMPT + "OK\r\n")
+            stream = session.read_until("$GPGGA,") + session.read_until("never", 3)
+            secret, *numbers = stream.split("$GPGGA,")
+            assert secret == "secret\r\n"
+            assert len(numbers) > 1
+            assert numbers == [f"{int(numbers[0]) + index}\n" for index in range(len(numbers))]
+            del session
+        for peer_is_gone in ("6 18 300000", "6 4 120", "6 5 30", "6 6 6", "1 9 1"):  # tcp(7)
+            assert f"[setsockopt {peer_is_gone}]" in program.output()
+
+
+def test_client_that_stops_reading_gets_the_newest_later():
+    with Program(SERVER + "--gsv", r"""timeout 5 yes "$(printf '$GPGSV,30,%d,%0480d\n' $(seq -f '%g 0' 30))"
+                                       touch passed; exec yes '$GPGGA,new'""") as program:
+        sleeper = program.connect()
+        assert eventually((program.folder / "passed").exists), "the stream waits for one client"
+        woken = sleeper.read_until("new")
+        assert "new" in woken
+        assert len(woken) < 500_000, "the kernel's backlog came first"
+
+
+def test_server_takes_all_that_wait_before_it_makes_a_handler():
+    """Six fit into the kernel's queue; the seventh `accept` finds it empty, and only then the first handler is made."""
+    with Program(SERVER, faults="main-server-thr|accept4|6|11") as program:
+        assert program.says("waiting for client connections...\n")
+        program.process.send_signal(signal.SIGSTOP)
+        os.waitpid(program.process.pid, os.WUNTRACED)  # all its threads have stopped
+        clients = [program.connect() for _ in range(6)]
+        program.process.send_signal(signal.SIGCONT)
+        assert program.says("[accept4 fails]\n" + len(clients) * (
+            "INFO: A remote client is trying to connect.\nINFO: waiting for client connections...\n"))
+
+
+def test_nobody_is_accepted_while_descriptors_are_out():
+    """Some are kept for gpspipe, which is started again and again; the log tells of the episode once."""
+    complaint = "ERROR: no client is accepted until a descriptor is free: error code: 24 : Too many"
+    with Program(SERVER, "echo '$GPGGA,1'; until rm end; do sleep 0.1; done 2>&-", before="ulimit -n 40") as program:
+        clients = []
+        while complaint not in program.output() and len(clients) < 40:
+            clients.append(program.connect())
+            assert eventually(lambda: program.output().count("is trying to connect") == len(clients) or
+                              complaint in program.output())
+        assert program.processors_wanted() < 0.5
+        assert program.output().count(complaint) == 1
+        assert not clients[-1].is_ready()
+        clients[0].read_until("never", 0.01)
+        program.touch("end")
+        assert clients[0].hears("$GPGGA"), "no descriptor is left for gpspipe"
+        del clients[0]
+        program.touch("end")
+        assert clients[-1].hears("$GPGGA")
+
+
+@pytest.mark.parametrize("call", ("accept4", "poll"))
+def test_nothing_keeps_a_processor_busy(call):
+    """Nothing arrives, a client hung up during its login, and the server's call fails as long as it may."""
+    collector = Collector()
+    line = SerialLine()
+    with Program(f"{SERVER} --server-passwd secret --serial {line.device} {TO_COLLECTOR}{collector.number}",
+                 faults=f"main-server-thr|{call}|-1|12") as program:
+        assert program.says("has successful logged into remote server", "RS485 configurating")
+        program.connect().read_until(PROMPT)
+        program.touch("failing")
+        client = program.connect()
+        assert program.says(f"[{call} fails]\n")
+        assert program.processors_wanted() < 0.5
+        del client
+
+
+def test_consumers_receive_the_same_messages():
+    collector = Collector()
+    line = SerialLine()
+    with Program(f"{SERVER} --gsv --loglevel 50 --id-prefix S --id 7 --server-passwd secret --client-passwd secret "
+                 f"--serial {line.device} {TO_COLLECTOR}{collector.number}",
+                 r"""until [ -e quiet ]; do echo '$GPGGA,early'; sleep 0.2; done; until [ -e go ]; do sleep 0.1; done
+                 for i in 0 1 2 3 4 5 6 7 8 9; do
+                     printf '$GPGGA,%d\r\n$GPGSV,1,1,%d\r\n$GPRMC,off\r\n' $i $i; sleep 0.5; done
+                 while :; do echo '$GPGGA'; sleep 0.5; done""") as program:
+        uplink = collector.accept()
+        client = program.connect()
+        assert client.read_until("\n") == PROMPT
+        assert line.hears("early")
+        program.touch("quiet")
+        line.read_until("never", 1.5)
+        uplink.send(PROMPT)
+        assert uplink.read_until("\n") == "secret\r\n"
+        uplink.send("OK\r\n")
+        client.send("secret\r\n")
+        assert client.read_until("\n") == "OK\r\n"
+        assert program.says("has successful logged into remote server", "successfully logged in!\n")
+        program.touch("go")
+        expected = "".join(f"S7$GPGGA,{number}\r\nS7$GPGSV,1,1,{number}\r\n" for number in range(10))
+        for consumer in (client, uplink, line):
+            assert consumer.read_until("S7$GPGSV,1,1,9\r\n").startswith(expected), "nothing from before the login"
+        assert program.says("INFO: connect_to_host() : remote server ip addr: 127.0.0.1\n",
+                            "INFO: connect_to_host() : connect() succeeded with",
+                            "INFO: ClientThread::This client has successful logged into remote server.\n",
+                            "DEBUG: ClientThread::nmeaSend:S7$GP", "DEBUG: ClientHandlerThread:nmeaSend:S7$GP")
+        assert "secret" not in program.output()  # an emulator's own command line keeps what it was started with
+        assert EMULATED or b"secret" not in Path(f"/proc/{program.process.pid}/cmdline").read_bytes()
+        assert f" 00000000:{program.port:04X} 00000000:0000 0A " in Path("/proc/net/tcp").read_text()
+
+
+def test_datagrams_and_every_gpspipe_get_nothing_else():
+    """Neither descriptors nor the raised limit reach gpspipe, which is started again after a second."""
+    collector = Port(socket.SOCK_DGRAM)
+    line = SerialLine()
+    with Program(f"{SERVER} --timestamp --client-protocol udp --client-passwd unused {TO_COLLECTOR}{collector.number} "
+                 f"--serial {line.device}",
+                 r"""date +%s%N >>starts
+                 open=$(ls -l /proc/$$/fd | grep -c 'socket\|pts\|event')
+                 echo "\$GPGGA,$* $open $(($(ulimit -Hn) - $(ulimit -Sn)))" """, before="ulimit -Sn 64") as program:
+        expected = "$GPGGA,-t -r 0 0\n"
+        assert program.connect().read_until("\n" + expected).startswith(expected + expected)
+        assert collector.read_until("\n").startswith(expected)
+        starts = [int(start) for start in (program.folder / "starts").read_text().split()]
+        assert all(later - earlier >= 990_000_000 for earlier, later in zip(starts, starts[1:]))
