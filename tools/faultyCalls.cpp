@@ -2,12 +2,14 @@
 // these functions in front of the C library's (option --wrap), and tools/CMakeLists.txt reads their names out of this
 // file.
 //
-// The environment's FAULT names what fails: "THREAD|CALL|AFTER|ERRNO", several with a comma between. CALL fails once in
-// THREAD after AFTER calls that go well, with a short count when ERRNO is 0; several faults of one call come in turn.
-// AFTER -1: CALL fails as long as there is a file "failing" in the current folder.
+// The environment's FAULT names what fails, such as "server-thr: accept4 2 EINTR EAGAIN poll ENOMEM": in the thread
+// whose name has "server-thr" in it, accept4 goes well twice, then it fails with EINTR and at once again with EAGAIN,
+// and the first poll fails. "short" in place of an error is a short count; -1 in place of 2 lets a call fail as long as
+// there is a file "failing" in the current folder.
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -27,23 +29,42 @@ using namespace std::chrono_literals;
 [[maybe_unused]] static const int named = ::pthread_setname_np(::pthread_self(), "faulty_navtwine");
 
 struct Fault {
-    char thread[16];
-    char call[32]; ///< a part of the symbol: "setsockopt" is "__setsockopt64" on 32-bit machines
+    const char *thread; ///< a part of its name
+    const char *call;   ///< a part of the symbol: "setsockopt" is "__setsockopt64" on 32-bit machines
     int after;
     int error;
     bool isOver;
 };
 
-/// Ends in an empty one.
+/// 0 for "short", -1 for what is no error's name.
+static int errorOf(std::string_view word)
+{
+    int code = word == "short" ? 0 : 133;
+    while (code > 0 && (::strerrorname_np(code) == nullptr || word != ::strerrorname_np(code)))
+        --code;
+    return code > 0 || word == "short" ? code : -1;
+}
+
 static std::array<Fault, 64> readFaults()
 {
     std::array<Fault, 64> faults{};
-    const char *text = std::getenv("FAULT");
-    for (std::size_t row = 0; text != nullptr && row + 1 < faults.size(); ++row) {
-        Fault &fault = faults[row];
-        std::sscanf(text, "%15[^|]|%31[^|]|%d|%d", fault.thread, fault.call, &fault.after, &fault.error);
-        text = std::strchr(text, ',');
-        text += text != nullptr ? 1 : 0;
+    Fault next{};
+    const char *const text = std::getenv("FAULT");
+    std::size_t count = 0;
+    for (char *word = std::strtok(::strdup(text != nullptr ? text : ""), " "); word; word = std::strtok(nullptr, " ")) {
+        char &last = word[std::strlen(word) - 1];
+        if (errorOf(word) >= 0) {
+            next.error = errorOf(word);
+            faults[count++] = next;
+            next.after = 0;
+        } else if (last == ':') {
+            last = '\0';
+            next.thread = word;
+        } else if (word[0] == '-' || std::isdigit(word[0]) != 0) {
+            next.after = std::atoi(word);
+        } else {
+            next.call = word;
+        }
     }
     return faults;
 }
@@ -53,17 +74,15 @@ static bool fails(std::string_view symbol)
 {
     static constinit std::mutex lock;
     static std::array<Fault, 64> faults = readFaults();
-    char thread[sizeof Fault::thread];
+    char thread[16];
     ::pthread_getname_np(::pthread_self(), thread, sizeof thread);
     const std::lock_guard alone(lock);
-    const auto next = std::find_if(faults.begin(), faults.end(), [&](const Fault &fault) {
-        const bool isMeant = fault.call[0] != '\0' && symbol.find(fault.call) != symbol.npos;
-        return isMeant && !fault.isOver && std::strcmp(thread, fault.thread) == 0;
-    });
-    if (next == faults.end())
-        return false;
+    Fault *next = faults.data();
+    while (next->call != nullptr &&
+           (next->isOver || symbol.find(next->call) == symbol.npos || std::strstr(thread, next->thread) == nullptr))
+        ++next;
     const bool lasts = next->after < 0;
-    if (lasts ? ::access("failing", F_OK) != 0 : next->after-- > 0)
+    if (next->call == nullptr || (lasts ? ::access("failing", F_OK) != 0 : next->after-- > 0))
         return false;
     next->isOver = !lasts;
     ::dprintf(STDERR_FILENO, "[%s fails]\n", next->call);
@@ -74,7 +93,7 @@ static bool fails(std::string_view symbol)
 /// Small requests go well: what is short enough for a string's own room does not get here either.
 void *operator new(std::size_t size)
 {
-    if (size >= 24 && fails("operator new"))
+    if (size >= 24 && fails("operator_new"))
         throw std::bad_alloc();
     return std::calloc(1, size);
 }
