@@ -114,7 +114,6 @@ INSTANTIATE_TEST_SUITE_P(
                "uplink serial",
                "navtwine: pthread_create 2 EAGAIN EAGAIN EAGAIN",
                {"main client-thread': Resource", "main serial-thread': Resource", "stop-thread': Resource"}},
-        Faults{"noServer", "server", "navtwine: pthread_create 1 EAGAIN", {"'navtwine main-server-thread': Resource"}},
         Faults{"noSocket", "server", "server-thr: socket EMFILE", {"ERROR: socket() failed returning invalid desc"}},
         Faults{"noReuse", "server", "server-thr: setsockopt 1 ENOMEM", {"ERROR: setsockopt() failed for socket des"}},
         Faults{"noPort", "server", "server-thr: bind EADDRINUSE", {"ERROR: bind() failed for socket descriptor: "}},

@@ -1,9 +1,6 @@
-#include "net/handshake.h"
-
 #include "harness.h"
 
 #include <deque>
-#include <netinet/tcp.h>
 
 const std::string toCollector = " --client --client-remote-host 127.0.0.1 --client-port ";
 
@@ -81,21 +78,6 @@ TEST(Login, isTriedAgainByTheUplink)
     for (const char *const peerIsGone : {"[setsockopt 6 18 300000]", "[setsockopt 6 4 120]", "[setsockopt 6 5 30]",
                                          "[setsockopt 6 6 6]", "[setsockopt 1 9 1]"})
         EXPECT_THAT(program.output(), HasSubstr(peerIsGone)); // tcp(7): no other end can be seen within five minutes
-}
-
-TEST(Line, isWipedWhenItGoes)
-{
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    const Peer peer(ends[0]);
-    const KAV::Descriptor own(ends[1]);
-    alignas(handshake::Line) char room[sizeof(handshake::Line)];
-    auto *const line = new (room) handshake::Line;
-    peer.send("secret\r\n");
-    EXPECT_TRUE(line->receive(own.get()) && line->is("secret") && !line->is("secre") &&
-                line->raw() == std::string("secret\r"));
-    line->~Line();
-    EXPECT_EQ(std::string(room, sizeof room).find("ecret"), std::string::npos);
 }
 
 TEST(Clients, thatStopReadingGetTheNewestLater)

@@ -1,7 +1,6 @@
 #include "support/Descriptor.h"
 #include "support/Lock.h"
 #include "support/Logger.h"
-#include "support/Text.h"
 #include "support/Thread.h"
 
 #include "harness.h"
@@ -75,12 +74,6 @@ TEST(Logger, isNotHeldUpByAReaderThatStalls)
     EXPECT_THAT(reader.readUntil("never", 500ms), testing::EndsWith("xxx"));
     expectNotToBeHeldUp(pipe.get());
     EXPECT_THAT(reader.readUntil("never", 500ms), StartsWith("\nERROR: xxx")) << "after one that was cut off";
-}
-
-TEST(Text, splits)
-{
-    EXPECT_EQ(KAV::Text::split(",a,,b,", ',', 0), (std::vector<std::string>{"", "a", "", "b", ""}));
-    EXPECT_EQ(KAV::Text::split("a,b,c", ',', 2), (std::vector<std::string>{"a", "b,c"}));
 }
 
 struct Worker : KAV::Thread {

@@ -118,66 +118,53 @@ static bool isLoggers(std::string_view symbol, Word first)
     return static_cast<int>(first) == STDERR_FILENO && (symbol == "write" || symbol.find("fstat") != symbol.npos);
 }
 
-/// What a call was given, where the effect cannot be seen from outside.
-#define TELL(...) ::dprintf(STDERR_FILENO, __VA_ARGS__)
-static void tellLine(Word settings)
+/// Tells what a call was given, where its effect cannot be seen from outside.
+static void tell(std::string_view symbol, Word b, Word c, Word d)
 {
-    const tcflag_t flags = reinterpret_cast<const termios *>(settings)->c_cflag;
-    TELL("[line %s%s%s]\n", (flags & CSIZE) == CS7 ? "CS7" : "CS8", (flags & PARENB) != 0 ? " PARENB" : "",
-         (flags & PARODD) != 0 ? " PARODD" : "");
+    const auto numberAt = [](Word address) { return *reinterpret_cast<const int *>(address); };
+    if (symbol.find("ioctl") != symbol.npos)
+        ::dprintf(STDERR_FILENO, "[rs485 %d]\n", numberAt(c));
+    if (symbol.find("setsockopt") != symbol.npos)
+        ::dprintf(STDERR_FILENO, "[setsockopt %d %d %d]\n", int(b), int(c), numberAt(d));
+    if (symbol == "tcflush")
+        ::dprintf(STDERR_FILENO, "[tcflush %d]\n", int(b));
+    if (symbol == "tcsetattr") {
+        const tcflag_t flags = reinterpret_cast<const termios *>(c)->c_cflag;
+        ::dprintf(STDERR_FILENO, "[line %s%s%s]\n", (flags & CSIZE) == CS7 ? "CS7" : "CS8",
+                  (flags & PARENB) != 0 ? " PARENB" : "", (flags & PARODD) != 0 ? " PARODD" : "");
+    }
 }
-static int numberAt(Word address) { return *reinterpret_cast<const int *>(address); }
 
-#define FAILING(symbol, failure, ...)                                                                                  \
+static Word failureOf(std::string_view symbol)
+{
+    if (symbol == "pthread_create")
+        return errno;
+    return symbol == "fgets" || symbol == "opendir" || symbol == "popen" ? 0 : -1;
+}
+
+#define FAILING(symbol)                                                                                                \
     extern "C" [[gnu::weak]] Word __real_##symbol(Word, Word, Word, Word, Word, Word, Word);                           \
     extern "C" Word __wrap_##symbol(Word a, Word b, Word c, Word d, Word e, Word f, Word g)                            \
     {                                                                                                                  \
-        __VA_ARGS__;                                                                                                   \
+        tell(#symbol, b, c, d);                                                                                        \
         const bool faulty = !isLoggers(#symbol, a) && fails(#symbol);                                                  \
         if (faulty && errno != 0)                                                                                      \
-            return failure;                                                                                            \
+            return failureOf(#symbol);                                                                                 \
         return __real_##symbol(a, b, faulty ? c / 2 : c, d, e, f, g); /* the size, where there is one */               \
     }
-FAILING(accept4, -1)
-FAILING(bind, -1)
-FAILING(connect, -1)
-FAILING(daemon, -1)
-FAILING(eventfd, -1)
-FAILING(fgets, 0)
-FAILING(fstat64, -1)
-FAILING(__fstat64_time64, -1)
-FAILING(gethostbyname2_r, -1)
-FAILING(getrlimit64, -1)
-FAILING(ioctl, -1, TELL("[rs485 %d]\n", numberAt(c)))
-FAILING(__ioctl_time64, -1, TELL("[rs485 %d]\n", numberAt(c)))
-FAILING(listen, -1)
-FAILING(open64, -1)
-FAILING(opendir, 0)
-FAILING(poll, -1)
-FAILING(popen, 0)
-FAILING(pthread_create, errno)
-FAILING(recv, -1)
-FAILING(send, -1)
-FAILING(setrlimit64, -1)
-FAILING(setsockopt, -1, TELL("[setsockopt %d %d %d]\n", int(b), int(c), numberAt(d)))
-FAILING(__setsockopt64, -1, TELL("[setsockopt %d %d %d]\n", int(b), int(c), numberAt(d)))
-FAILING(socket, -1)
-FAILING(tcflush, -1, TELL("[tcflush %d]\n", int(b)))
-FAILING(tcgetattr, -1)
-FAILING(tcsetattr, -1, tellLine(c))
-FAILING(write, -1)
+#include "failingCalls.h" // made of the list in CMakeLists.txt
 
 /// What goes to the system log stands on standard error instead, with what decides where it would be filed. As long as
 /// there is a file "stalled-log" in the current folder, it takes nothing.
 extern "C" void __wrap_openlog(const char *identity, int, int facility)
 {
-    TELL("[openlog %s %d]\n", identity, facility);
+    ::dprintf(STDERR_FILENO, "[openlog %s %d]\n", identity, facility);
 }
 extern "C" void __wrap_syslog(int priority, const char *, int size, const char *text)
 {
     while (::access("stalled-log", F_OK) == 0)
         std::this_thread::sleep_for(10ms);
-    TELL("[syslog %d]%.*s\n", priority, size, text);
+    ::dprintf(STDERR_FILENO, "[syslog %d]%.*s\n", priority, size, text);
 }
 /// What `syslog` is called where functions are fortified.
 extern "C" void __wrap___syslog_chk(int priority, int, const char *format, int size, const char *text)
@@ -190,7 +177,7 @@ extern "C" void __real__ZN3KAV6Thread5sleepEj(unsigned int milliseconds);
 extern "C" void __wrap__ZN3KAV6Thread5sleepEj(unsigned int milliseconds)
 {
     if (milliseconds > 1000)
-        TELL("[sleep %u]\n", milliseconds);
+        ::dprintf(STDERR_FILENO, "[sleep %u]\n", milliseconds);
     __real__ZN3KAV6Thread5sleepEj(std::min(milliseconds, 1000U));
 }
 extern "C" time_t __wrap_time(time_t *) { return std::chrono::steady_clock::now().time_since_epoch() / 100ms; }
