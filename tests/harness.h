@@ -41,10 +41,14 @@ inline std::string contentOf(const fs::path &file)
 }
 
 /// A file or folder in which the kernel tells about a process.
-inline fs::path proc(pid_t process, const std::string &file) { return "/proc/" + std::to_string(process) + "/" + file; }
+inline fs::path procOf(pid_t process, const char *file) { return fs::path("/proc") / std::to_string(process) / file; }
 
 /// Whether a process is there. A zombie, which nobody reaps in some containers, has no command line any more.
-inline bool runs(pid_t process) { return !contentOf(proc(process, "cmdline")).empty(); }
+inline bool runs(pid_t process) { return !contentOf(procOf(process, "cmdline")).empty(); }
+
+/// Arguments for the program, and a script for gpspipe.
+const std::string server = "-e --server --server-port $PORT --interval 1 --gga ";
+const char *const stream = "while echo '$GPGGA,1'; do sleep 0.2; done";
 
 /// How often `text` occurs in `all`.
 inline int countOf(const std::string &text, const std::string &all)
@@ -116,15 +120,6 @@ struct Peer {
     bool closed = false;
 };
 
-/// A client that has answered the server's prompt.
-inline Peer loggedIn(std::uint16_t port, const std::string &answer)
-{
-    Peer peer(port);
-    peer.readUntil("PASSWORD\r\n");
-    peer.send(answer);
-    return peer;
-}
-
 /// A free port of 127.0.0.1: one for datagrams, or one that nobody but a server to come can take.
 struct Port : Peer {
     explicit Port(int type = SOCK_STREAM) : Peer(::socket(AF_INET, type | SOCK_CLOEXEC, 0))
@@ -176,10 +171,8 @@ struct Program : FakeGpspipe {
     }
     ~Program()
     {
-        if (pid > 0) {
-            EXPECT_EQ(interrupt(), 0);
-            EXPECT_THAT(output(), HasSubstr("INFO: execution complete\n")); // not when it took five seconds
-        }
+        if (pid > 0)
+            endInOrder();
         EXPECT_THAT(output(), Not(HasSubstr("[a password stays in freed memory]")));
         if (testing::Test::HasFailure())
             std::cerr << "Output of navtwine " << arguments << ":\n" << output() << '\n';
@@ -206,8 +199,13 @@ struct Program : FakeGpspipe {
     }
     /// Sends a signal, then `wait`; -1, too, when the program has ended already: kill(-1) would reach everybody.
     int signal(int number, milliseconds limit) { return pid > 0 && ::kill(pid, number) == 0 ? wait(limit) : -1; }
-    /// SIGINT with the three seconds that users are promised and some for a busy machine.
-    int interrupt() { return signal(SIGINT, NAVTWINE_EMULATOR[0] == ' ' ? 4500ms : 30s); }
+    /// SIGINT with the three seconds that users are promised and some for a busy machine; held up it would take five.
+    void endInOrder()
+    {
+        EXPECT_EQ(signal(SIGINT, NAVTWINE_EMULATOR[0] == ' ' ? 4500ms : 30s), 0);
+        EXPECT_THAT(output(), HasSubstr("INFO: execution complete\n"));
+    }
+    [[nodiscard]] fs::path proc(const char *file) const { return procOf(pid, file); }
     /// Makes an empty file in the folder.
     void touch(const char *file) const { std::ofstream(folder / file).close(); }
 

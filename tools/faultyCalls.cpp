@@ -1,10 +1,9 @@
 // A navtwine for tests, whose clock runs ten times as fast and whose system calls fail on request: the linker puts
-// these functions in front of the C library's (option --wrap), and tools/CMakeLists.txt reads their names out of this
-// file.
+// these functions in front of the C library's (option --wrap).
 //
 // The environment's FAULT names what fails: "THREAD|CALL|AFTER|ERRNO", several with a comma between. CALL fails once in
-// THREAD after AFTER calls that go well, with a short count when ERRNO is 0; several faults of one call come in turn.
-// AFTER -1: CALL fails as long as there is a file "failing" in the current folder.
+// the threads with THREAD in their names, after AFTER calls that go well; with a short count when ERRNO is 0. Several
+// faults of one call come in turn. AFTER -1: CALL fails as long as there is a file "failing" in the current folder.
 
 #include <algorithm>
 #include <array>
@@ -24,17 +23,16 @@
 using namespace std::chrono_literals;
 
 struct Fault {
-    char thread[16];
-    char call[32]; ///< a part of the symbol: "setsockopt" is "__setsockopt64" on 32-bit machines
+    char thread[16]; ///< a part of its name
+    char call[32];   ///< a part of the symbol: "setsockopt" is "__setsockopt64" on 32-bit machines
     int after;
     int error;
 };
 static std::array<Fault, 64> faults;
 
-/// Under valgrind or an emulator the main thread would bear that one's name.
 [[gnu::constructor]] static void readFaults()
 {
-    ::pthread_setname_np(::pthread_self(), "faulty_navtwine");
+    ::pthread_setname_np(::pthread_self(), "faulty_navtwine"); // which would be an emulator's name otherwise
     const char *text = std::getenv("FAULT");
     for (auto row = faults.begin(); text != nullptr && row != faults.end(); ++row) {
         std::sscanf(text, "%15[^|]|%31[^|]|%d|%d", row->thread, row->call, &row->after, &row->error);
@@ -47,11 +45,11 @@ static std::array<Fault, 64> faults;
 static bool fails(std::string_view symbol)
 {
     static constinit std::mutex lock;
-    char thread[sizeof Fault::thread];
-    ::pthread_getname_np(::pthread_self(), thread, sizeof thread);
+    char name[16];
+    ::pthread_getname_np(::pthread_self(), name, sizeof name);
     const std::lock_guard alone(lock);
     const auto next = std::find_if(faults.begin(), faults.end(), [&](const Fault &fault) {
-        return fault.call[0] != '\0' && symbol.find(fault.call) != symbol.npos && !std::strcmp(thread, fault.thread);
+        return fault.call[0] != '\0' && symbol.find(fault.call) != symbol.npos && std::strstr(name, fault.thread);
     });
     const bool lasts = next != faults.end() && next->after < 0;
     if (next == faults.end() || (lasts ? ::access("failing", F_OK) != 0 : next->after-- > 0))
@@ -65,7 +63,7 @@ static bool fails(std::string_view symbol)
 /// Small requests go well: what is short enough for a string's own room does not get here either.
 void *operator new(std::size_t size)
 {
-    if (size >= 24 && fails("operator new"))
+    if (size >= 24 && fails("operator_new"))
         throw std::bad_alloc();
     return std::calloc(1, size);
 }
@@ -90,58 +88,51 @@ static bool isLoggers(std::string_view symbol, Word first)
     return static_cast<int>(first) == STDERR_FILENO && (symbol == "write" || symbol.find("fstat") != symbol.npos);
 }
 
-/// What a call was given, where the effect cannot be seen from outside.
-#define TELL(...) ::dprintf(STDERR_FILENO, __VA_ARGS__)
-static int numberAt(Word address) { return *reinterpret_cast<const int *>(address); }
-static unsigned int frame(Word line) { return reinterpret_cast<termios *>(line)->c_cflag & (CSIZE | PARENB | PARODD); }
+/// Tells what a call was given, where its effect cannot be seen from outside.
+static void tell(std::string_view symbol, Word b, Word c, Word d)
+{
+    const auto numberAt = [](Word address) { return *reinterpret_cast<const int *>(address); };
+    if (symbol.find("ioctl") != symbol.npos)
+        ::dprintf(STDERR_FILENO, "[rs485 %d]\n", numberAt(c));
+    if (symbol.find("setsockopt") != symbol.npos)
+        ::dprintf(STDERR_FILENO, "[setsockopt %d %d %d]\n", int(b), int(c), numberAt(d));
+    if (symbol == "tcflush")
+        ::dprintf(STDERR_FILENO, "[tcflush %d]\n", int(b));
+    constexpr tcflag_t frame = CSIZE | PARENB | PARODD;
+    if (symbol == "tcsetattr")
+        ::dprintf(STDERR_FILENO, "[line %o]\n", reinterpret_cast<const termios *>(c)->c_cflag & frame);
+}
 
-#define FAILING(symbol, failure, ...)                                                                                  \
+static Word failureOf(std::string_view symbol)
+{
+    if (symbol == "pthread_create")
+        return errno;
+    return symbol == "fgets" || symbol == "opendir" || symbol == "popen" ? 0 : -1;
+}
+
+#define FAILING(symbol)                                                                                                \
     extern "C" [[gnu::weak]] Word __real_##symbol(Word, Word, Word, Word, Word, Word, Word);                           \
     extern "C" Word __wrap_##symbol(Word a, Word b, Word c, Word d, Word e, Word f, Word g)                            \
     {                                                                                                                  \
-        __VA_ARGS__;                                                                                                   \
+        tell(#symbol, b, c, d);                                                                                        \
         const bool faulty = !isLoggers(#symbol, a) && fails(#symbol);                                                  \
         if (faulty && errno != 0)                                                                                      \
-            return failure;                                                                                            \
+            return failureOf(#symbol);                                                                                 \
         return __real_##symbol(a, b, faulty ? c / 2 : c, d, e, f, g); /* the size, where there is one */               \
     }
-FAILING(accept4, -1)
-FAILING(bind, -1)
-FAILING(connect, -1)
-FAILING(daemon, -1)
-FAILING(eventfd, -1)
-FAILING(fgets, 0)
-FAILING(fstat64, -1)
-FAILING(__fstat64_time64, -1)
-FAILING(gethostbyname2_r, -1)
-FAILING(getrlimit64, -1)
-FAILING(ioctl, -1, TELL("[rs485 %d]\n", numberAt(c)))
-FAILING(__ioctl_time64, -1, TELL("[rs485 %d]\n", numberAt(c)))
-FAILING(listen, -1)
-FAILING(open64, -1)
-FAILING(opendir, 0)
-FAILING(poll, -1)
-FAILING(popen, 0)
-FAILING(pthread_create, errno)
-FAILING(recv, -1)
-FAILING(send, -1)
-FAILING(setrlimit64, -1)
-FAILING(setsockopt, -1, TELL("[setsockopt %d %d %d]\n", int(b), int(c), numberAt(d)))
-FAILING(__setsockopt64, -1, TELL("[setsockopt %d %d %d]\n", int(b), int(c), numberAt(d)))
-FAILING(socket, -1)
-FAILING(tcflush, -1, TELL("[tcflush %d]\n", int(b)))
-FAILING(tcgetattr, -1)
-FAILING(tcsetattr, -1, TELL("[line %o]\n", frame(c)))
-FAILING(write, -1)
+#include "failingCalls.h" // made of the list in CMakeLists.txt
 
 /// What goes to the system log stands on standard error instead, with what decides where it would be filed. As long as
 /// there is a file "stalled-log" in the current folder, it takes nothing.
-extern "C" void __wrap_openlog(const char *name, int, int facility) { TELL("[openlog %s %d]\n", name, facility); }
+extern "C" void __wrap_openlog(const char *identity, int, int facility)
+{
+    ::dprintf(STDERR_FILENO, "[openlog %s %d]\n", identity, facility);
+}
 extern "C" void __wrap_syslog(int priority, const char *, int size, const char *text)
 {
     while (::access("stalled-log", F_OK) == 0)
         std::this_thread::sleep_for(10ms);
-    TELL("[syslog %d]%.*s\n", priority, size, text);
+    ::dprintf(STDERR_FILENO, "[syslog %d]%.*s\n", priority, size, text);
 }
 /// What `syslog` is called where functions are fortified.
 extern "C" void __wrap___syslog_chk(int priority, int, const char *format, int size, const char *text)
@@ -154,7 +145,7 @@ extern "C" void __real__ZN3KAV6Thread5sleepEj(unsigned int milliseconds);
 extern "C" void __wrap__ZN3KAV6Thread5sleepEj(unsigned int milliseconds)
 {
     if (milliseconds > 1000)
-        TELL("[sleep %u]\n", milliseconds);
+        ::dprintf(STDERR_FILENO, "[sleep %u]\n", milliseconds);
     __real__ZN3KAV6Thread5sleepEj(std::min(milliseconds, 1000U));
 }
 extern "C" time_t __wrap_time(time_t *) { return std::chrono::steady_clock::now().time_since_epoch() / 100ms; }
