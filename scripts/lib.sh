@@ -16,7 +16,7 @@ fail()
 install()
 {
     local package missing=() apt=(env DEBIAN_FRONTEND=noninteractive flock /var/lib/apt apt-get -q)
-    for package in g++ cmake ninja-build libgtest-dev libgmock-dev "$@"; do
+    for package in g++ cmake ninja-build libgtest-dev python3-pytest "$@"; do
         dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
     done
     [ ${#missing[@]} -gt 0 ] || return 0

@@ -1,4 +1,5 @@
 """What the tests of the program share: the program itself, a gpspipe of the test's own, and whom it talks to."""
+import errno
 import os
 import pty
 import select
@@ -30,6 +31,24 @@ def runs(process):
     """Whether a process is there. A zombie, which nobody reaps in some containers, has no command line any more."""
     file = Path(f"/proc/{process}/cmdline")
     return file.exists() and file.read_bytes() != b""
+
+
+def faults_of(words):
+    """As faulty_navtwine takes them. "server-thr: accept4 2 EINTR EAGAIN": in the thread whose name has "server-thr" in
+    it, accept4 goes well twice, then fails with EINTR and at once again with EAGAIN; SHORT is a short count."""
+    faults = []
+    thread, call, after = "", "", 0
+    for word in words.split():
+        if word.endswith(":"):
+            thread = word[:-1]
+        elif word.isupper():
+            faults.append(f"{thread}|{call}|{after}|{getattr(errno, word, 0)}")
+            after = 0
+        elif word.lstrip("-").isdigit():
+            after = int(word)
+        else:
+            call = word
+    return faults
 
 
 class Peer:
@@ -106,7 +125,7 @@ class Program:
         self.last = "INFO: execution complete\n"  # which the forced end after five seconds does not say
         words = NAVTWINE if faults is None else FAULTY
         environment = dict(os.environ, PATH=f"{self.folder}:{os.environ['PATH']}", PORT=str(self.port),
-                           FAULT=faults or "")
+                           FAULT=",".join(faults_of(faults or "")))
         with open(self.folder / "output", "ab") as output:
             self.process = subprocess.Popen(["/bin/sh", "-c", f"{before}; exec {shlex.join(words)} {arguments}"],
                                             cwd=self.folder, env=environment, stdin=subprocess.DEVNULL,

@@ -90,7 +90,7 @@ def test_daemonizes():
 
 
 def test_messages_are_filed_as_a_daemons_by_their_level():
-    with Program("--loglevel 50 --gga --serial /dev/none", faults="faulty_navtwine|connect|0|11") as program:
+    with Program("--loglevel 50 --gga --serial /dev/none", faults="navtwine: connect EAGAIN") as program:
         assert program.process.wait(30) == 1
         assert "[openlog navtwine 24]\n[syslog 6]INFO: Starting executable: " in program.output()
         assert "[syslog 3]ERROR: failed to open /dev/none: errno: 2\n" in program.output()
