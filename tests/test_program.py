@@ -10,10 +10,9 @@ import pytest
 from harness import NAVTWINE, SERVER, Peer, Program, SerialLine, eventually, runs
 
 LIFECYCLE = f"INFO: Starting executable: {''.join(NAVTWINE[-1:])}\nINFO: execution complete\n"
-USAGE = (
-    r"\nusage: navtwine \[OPTIONS\]\n\nOPTIONS:\n --\[no-\]daemonize\n.*port PORT .default: 5445.*tcp.udp .default: tcp.*"
-    r"port PORT .default: 5445.*default: 115200.*7.8 default: 8.*default: none.*1.2 default: 1\].*--interval INTERVAL "
-    r".default: 10.*\n --loglevel \[1-100 default 30\] \n -e  use stderr for log \(default: disabled\)\n\n")
+USAGE = (r"\nusage: navtwine \[OPTIONS\]\n\nOPTIONS:\n --\[no-\]daemonize\n.*server-port PORT .default: 5445.*udp "
+         r".default: tcp.*client-port PORT .default: 5445.*default: 115200.*7.8 default: 8.*default: none.*1.2 default: 1."
+         r".*INTERVAL .default: 10.*\n --loglevel .1-100 default 30. \n -e  use stderr for log .default: disabled.\n\n")
 
 
 def test_ends_at_once_without_work():
