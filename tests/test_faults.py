@@ -1,4 +1,4 @@
-"""Calls of the system that fail one after the other in faulty_navtwine (tools/faultyCalls.cpp)."""
+# Calls of the system that fail one after the other in faulty_navtwine (tools/faultyCalls.cpp).
 import time
 
 import pytest
@@ -56,8 +56,8 @@ ROWS = (
 )
 
 
+# The program with all consumers; the server's password is the second one.
 def start_all(collector, line, faults, gpspipe):
-    """The program with all consumers; the server's password is the second one."""
     return Program(f"""--server --server-port $PORT --server-passwd a-first-secret-of-some-length -e --interval 1 \
         --server-passwd the-second-secret-is-longer-than-the-first --client-passwd the-uplinks-secret --gga --client \
         --client-remote-host 127.0.0.1 --client-port {collector.number} --serial {line.device}""",
@@ -69,8 +69,8 @@ def log_in(program):
 
 
 @pytest.mark.parametrize("name, lost, faults, says", ROWS, ids=[row[0] for row in ROWS])
+# The log tells, every consumer but the lost ones gets its stream, nothing stays open, the end is in order.
 def test_any_call_may_fail(name, lost, faults, says):
-    """The log tells, every consumer but the lost ones gets its stream, nothing stays open, the end is in order."""
     collector = Collector()
     line = SerialLine()
     streaming = []
@@ -103,8 +103,8 @@ def test_any_call_may_fail(name, lost, faults, says):
 
 @pytest.mark.parametrize("threads", (
     ("navtwine",), ("server-thr", "handler", "client-thr", "serial")), ids=("reader", "consumers"))
+# It costs messages and log lines for a while; of the connections only the newest may be lost.
 def test_memory_may_be_out(threads):
-    """It costs messages and log lines for a while; of the connections only the newest may be lost."""
     collector = Collector()
     line = SerialLine()
     with start_all(collector, line, " ".join(f"{name}: operator_new -1 ENOMEM" for name in threads), r"""
@@ -114,7 +114,7 @@ def test_memory_may_be_out(threads):
         consumers = [collector.accept("PASSWORD\r\nOK\r\n"), log_in(program), line]
         assert all("$GPGGA,," in consumer.read_until("own for") for consumer in consumers)
         program.touch("failing")
-        newcomer = program.connect()
+        program.connect()
         assert program.says("[operator_new fails]\n")
         time.sleep(2)  # the failure lasts: every consumer looks at its mailbox meanwhile
         (program.folder / "failing").unlink()
@@ -123,7 +123,6 @@ def test_memory_may_be_out(threads):
         assert "terminate" not in program.output()
         assert "thread 'navtwine main" not in program.output()
         assert (program.folder / "starts").read_text() == "\n", "gpspipe goes on meanwhile"
-        del newcomer
 
 
 def test_fails_when_nothing_that_is_wanted_starts():

@@ -1,4 +1,4 @@
-"""The server with its clients, and the uplink."""
+# The server with its clients, and the uplink.
 import contextlib
 import os
 import re
@@ -8,7 +8,7 @@ import time
 from pathlib import Path
 
 import pytest
-from harness import EMULATED, SERVER, TO_COLLECTOR, Collector, Port, Program, SerialLine, eventually
+from harness import EMULATED, SERVER, TO_COLLECTOR, Collector, Peer, Program, SerialLine, eventually
 
 PROMPT = "PASSWORD\r\n"
 WRONG = "ERROR\r\n" + PROMPT
@@ -68,10 +68,9 @@ def test_uplink_tries_again():
     with Program(f"-e --interval 1 --gga --client-passwd secret {TO_COLLECTOR}{collector.number}",
                  r"n=1000; while printf '$GPGGA,%d\n' $n; do n=$((n+1)); sleep 0.5; done", "") as program:
         for lines, log in REFUSALS:
-            session = collector.accept(lines)
+            session = collector.accept(lines)  # which stays open meanwhile
             assert program.says(f"ERROR: client authentificate:{log}ERROR: ClientThread::login to server failed. (see "
                                 "error message above for reason) : retrying login in 30000 ms...\n[sleep 30000]\n")
-            del session
         for _ in range(2):
             session = collector.accept(PROMPT + "OK\r\n")
             stream = session.read_until("$GPGGA,") + session.read_until("never", 3)
@@ -79,7 +78,7 @@ def test_uplink_tries_again():
             assert secret == "secret\r\n"
             assert len(numbers) > 1
             assert numbers == [f"{int(numbers[0]) + index}\n" for index in range(len(numbers))]
-            del session
+            session.stream.close()
         for peer_is_gone in ("6 18 300000", "6 4 120", "6 5 30", "6 6 6", "1 9 1"):  # tcp(7)
             assert f"[setsockopt {peer_is_gone}]" in program.output()
 
@@ -94,52 +93,53 @@ def test_client_that_stops_reading_gets_the_newest_later():
         assert len(woken) < 500_000, "the kernel's backlog came first"
 
 
+# Six fit into the kernel's queue; the seventh `accept` finds it empty, and only then the first handler is made.
 def test_server_takes_all_that_wait_before_it_makes_a_handler():
-    """Six fit into the kernel's queue; the seventh `accept` finds it empty, and only then the first handler is made."""
     with Program(SERVER, faults="server-thr: accept4 6 EAGAIN") as program:
         assert program.says("waiting for client connections...\n")
         program.process.send_signal(signal.SIGSTOP)
         os.waitpid(program.process.pid, os.WUNTRACED)  # all its threads have stopped
-        clients = [program.connect() for _ in range(6)]
+        for _ in range(6):
+            program.connect()
         program.process.send_signal(signal.SIGCONT)
-        assert program.says("[accept4 fails]\n" + len(clients) * (
+        assert program.says("[accept4 fails]\n" + 6 * (
             "INFO: A remote client is trying to connect.\nINFO: waiting for client connections...\n"))
 
 
+# Some are kept for gpspipe, which is started again and again; the log tells of the episode once.
 def test_nobody_is_accepted_while_descriptors_are_out():
-    """Some are kept for gpspipe, which is started again and again; the log tells of the episode once."""
     complaint = "ERROR: no client is accepted until a descriptor is free: error code: 24 : Too many"
     with Program(SERVER, "echo '$GPGGA,1'; until rm end; do sleep 0.1; done 2>&-", before="ulimit -n 40") as program:
-        clients = []
-        while complaint not in program.output() and len(clients) < 40:
-            clients.append(program.connect())
-            assert eventually(lambda: program.output().count("is trying to connect") == len(clients) or
+        while complaint not in program.output() and len(program.clients) < 40:
+            program.connect()
+            assert eventually(lambda: program.output().count("is trying to connect") == len(program.clients) or
                               complaint in program.output())
         assert program.processors_wanted() < 0.5
         assert program.output().count(complaint) == 1
-        assert not clients[-1].is_ready()
-        clients[0].read_until("never", 0.01)
+        first, last = program.clients[0], program.clients[-1]
+        assert last.read_until("never", 0.01) == ""
+        first.read_until("never", 0.01)
         program.touch("end")
-        assert clients[0].hears("$GPGGA"), "no descriptor is left for gpspipe"
-        del clients[0]
+        assert first.hears("$GPGGA"), "no descriptor is left for gpspipe"
+        first.stream.close()
         program.touch("end")
-        assert clients[-1].hears("$GPGGA")
+        assert last.hears("$GPGGA")
 
 
 @pytest.mark.parametrize("call", ("accept4", "poll"))
+# Nothing arrives, a client hung up during its login, and the server's call fails as long as it may.
 def test_nothing_keeps_a_processor_busy(call):
-    """Nothing arrives, a client hung up during its login, and the server's call fails as long as it may."""
     collector = Collector()
     line = SerialLine()
     with Program(f"{SERVER} --server-passwd secret --serial {line.device} {TO_COLLECTOR}{collector.number}",
                  faults=f"server-thr: {call} -1 ENOMEM") as program:
         assert program.says("has successful logged into remote server", "RS485 configurating")
         program.connect().read_until(PROMPT)
+        program.clients.pop().stream.close()
         program.touch("failing")
-        client = program.connect()
+        program.connect()
         assert program.says(f"[{call} fails]\n")
         assert program.processors_wanted() < 0.5
-        del client
 
 
 def test_consumers_receive_the_same_messages():
@@ -176,12 +176,13 @@ def test_consumers_receive_the_same_messages():
         assert f" 00000000:{program.port:04X} 00000000:0000 0A " in Path("/proc/net/tcp").read_text()
 
 
+# Neither descriptors nor the raised limit reach gpspipe, which is started again after a second.
 def test_datagrams_and_every_gpspipe_get_nothing_else():
-    """Neither descriptors nor the raised limit reach gpspipe, which is started again after a second."""
-    collector = Port(socket.SOCK_DGRAM)
+    collector = Peer(socket.socket(type=socket.SOCK_DGRAM))
+    collector.stream.bind(("127.0.0.1", 0))
     line = SerialLine()
-    with Program(f"{SERVER} --timestamp --client-protocol udp --client-passwd unused {TO_COLLECTOR}{collector.number} "
-                 f"--serial {line.device}",
+    with Program(f"{SERVER} --timestamp --client-protocol udp --client-passwd unused {TO_COLLECTOR}"
+                 f"{collector.stream.getsockname()[1]} --serial {line.device}",
                  r"""date +%s%N >>starts
                  open=$(ls -l /proc/$$/fd | grep -c 'socket\|pts\|event')
                  echo "\$GPGGA,$* $open $(($(ulimit -Hn) - $(ulimit -Sn)))" """, before="ulimit -Sn 64") as program:

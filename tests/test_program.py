@@ -1,4 +1,4 @@
-"""Start, log and end of the program."""
+# Start, log and end of the program.
 import fcntl
 import os
 import re
@@ -11,7 +11,7 @@ from harness import NAVTWINE, SERVER, Peer, Program, SerialLine, eventually, run
 
 LIFECYCLE = f"INFO: Starting executable: {''.join(NAVTWINE[-1:])}\nINFO: execution complete\n"
 USAGE = (r"\nusage: navtwine \[OPTIONS\]\n\nOPTIONS:\n --\[no-\]daemonize\n.*server-port PORT .default: 5445.*udp "
-         r".default: tcp.*client-port PORT .default: 5445.*default: 115200.*7.8 default: 8.*default: none.*1.2 default: 1."
+         r".default: tcp.*client-port PORT .default: 5445.*default: 115200.*7.8 default: 8.*: none.*1.2 default: 1."
          r".*INTERVAL .default: 10.*\n --loglevel .1-100 default 30. \n -e  use stderr for log .default: disabled.\n\n")
 
 
@@ -39,10 +39,10 @@ def test_ends_at_once_without_work():
     "exec sleep 1000", "exit 1", "exec yes '$GPGGA,1'", "exec cat /dev/urandom", "exec cat /dev/zero",
     "trap '' INT TERM HUP; while :; do sleep 1; done",
 ), ids=("silent", "gone", "flood", "random", "zeros", "deaf"))
+# The other signals end gpspipe at most, and SIGINT ends everything in time.
 def test_gpspipe_ends_with_the_program(gpspipe):
-    """The other signals end gpspipe at most, and SIGINT ends everything in time."""
     with Program(SERVER + "--gsv", gpspipe) as program:
-        client = program.connect()
+        program.connect()
         first = program.gpspipe()
         for ignored in (signal.SIGPIPE, signal.SIGALRM, signal.SIGHUP):
             program.process.send_signal(ignored)
@@ -51,7 +51,6 @@ def test_gpspipe_ends_with_the_program(gpspipe):
         assert "sleep" not in gpspipe or eventually(lambda: program.gpspipe() != first), "no other gpspipe"
         program.interrupt()
         assert eventually(lambda: not runs(first) and not runs(program.gpspipe())), "gpspipe stays behind"
-        del client
 
 
 def test_strangers_are_left_alone():
@@ -63,8 +62,8 @@ def test_strangers_are_left_alone():
         os.kill(program.gpspipe(), signal.SIGKILL)
 
 
+# A client's socket must not get the number of a standard stream, and with it the log.
 def assert_standard_streams(process):
-    """A client's socket must not get the number of a standard stream, and with it the log."""
     for stream in range(3):
         assert os.readlink(f"/proc/{process}/fd/{stream}") == "/dev/null"
 
@@ -96,8 +95,8 @@ def test_messages_are_filed_as_a_daemons_by_their_level():
 
 
 @pytest.mark.parametrize("kind", ("pipe", "terminal"))
+# Lines are lost, and the next one begins on its own.
 def test_log_that_nobody_reads_holds_nobody_up(kind):
-    """Lines are lost, and the next one begins on its own."""
     terminal = SerialLine()
     with Program(f"{SERVER} --loglevel 50 2>{terminal.device if kind == 'terminal' else 'log'}",
                  "while printf '$GPGGA,%0480d\n' 0; do sleep 0.05; done", before="mkfifo log") as program:
