@@ -140,6 +140,9 @@ def test_nothing_keeps_a_processor_busy(call):
         program.connect()
         assert program.says(f"[{call} fails]\n")
         assert program.processors_wanted() < 0.5
+        threads = Path(f"/proc/{program.process.pid}/task").glob("*/status")
+        blocked = [int(re.search("SigBlk:\t(.*)", thread.read_text())[1], 16) & 0x3003 for thread in threads]
+        assert EMULATED or blocked.count(0x3003) == len(blocked) - 1, "SIGHUP, INT, PIPE and ALRM reach the main thread"
 
 
 def test_consumers_receive_the_same_messages():

@@ -94,8 +94,19 @@ def test_messages_are_filed_as_a_daemons_by_their_level():
         assert "[syslog 3]ERROR: failed to open /dev/none: errno: 2\n" in program.output()
 
 
-@pytest.mark.parametrize("kind", ("pipe", "terminal"))
+def test_lines_are_read_as_gpspipe_prints_them():
+    with Program(SERVER, r"""until [ -e go ]; do sleep 0.1; done
+                 printf '$GPGGA,%s\r\n' "$*"; printf '$GPGGA,a\0b\n$GPGGA%0700d\n$GPGGA,end' 0""") as program:
+        client = program.connect()
+        assert program.says("trying to connect")
+        time.sleep(1)
+        program.touch("go")
+        text = f"$GPGGA,-r\r\n$GPGGA,a$GPGGA{505 * '0'}$GPGGA,end"  # to the NUL, 511 bytes at most, without an end
+        assert client.read_until("end$GPGGA,-r").startswith(text + "$GPGGA,-r")
+
+
 # Lines are lost, and the next one begins on its own.
+@pytest.mark.parametrize("kind", ("pipe", "terminal"))
 def test_log_that_nobody_reads_holds_nobody_up(kind):
     terminal = SerialLine()
     with Program(f"{SERVER} --loglevel 50 2>{terminal.device if kind == 'terminal' else 'log'}",
