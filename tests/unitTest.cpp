@@ -226,6 +226,12 @@ TEST(Thread, canBeWaitedFor)
     const auto began = std::chrono::steady_clock::now();
     testing::internal::CaptureStderr();
     Worker worker(true, [] {
+        pthread_attr_t attributes;
+        std::size_t stack = 0;
+        ::pthread_getattr_np(::pthread_self(), &attributes);
+        ::pthread_attr_getstacksize(&attributes, &stack);
+        ::pthread_attr_destroy(&attributes);
+        EXPECT_LE(stack, 1024U * 1024) << "thousands of them must fit into 32 bits";
         KAV::Thread::sleep(300);
         throw std::runtime_error("thrown");
     });
