@@ -18,7 +18,7 @@ def test_end_empties_the_line(gpspipe, arguments, hard):
     line = SerialLine()  # that nobody reads
     with Program(f"--interval 1 --gga --serial {line.device}{arguments}", gpspipe,
                  "navtwine: connect EAGAIN") as program:  # EAGAIN: a busy log socket is there
-        assert program.says("RS485 configurating error. errno:25 - ")
+        assert program.says("RS485 configurating error. errno:")
         termios.tcflow(line.port, termios.TCOOFF)
         time.sleep(2.5)  # the thread looks once a second, and is blocked with the next batch
         if hard:
