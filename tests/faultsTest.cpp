@@ -147,7 +147,7 @@ TEST_P(AnyThread, outlivesMemoryThatIsOut)
     SerialLine line;
     FaultyProgram program(
         std::string(GetParam()) + "|operator new", allConsumers(collector, line),
-        R"(while :; do echo "\$GPGGA,$(cat again),a sentence that a string has no room of its own for"; sleep 0.2; done)");
+        R"(while echo "\$GPGGA,$(cat again),a sentence that a string has no room of its own for"; do sleep 0.2; done)");
     Peer uplink = collector.accept();
     uplink.send("PASSWORD\r\nOK\r\n");
     Peer client = loggedIn(program.port, "pw\r\n");
