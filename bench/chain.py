@@ -13,8 +13,8 @@ import time
 import tty
 from pathlib import Path
 
-from harness import OWN_THREADS, STANDIN, Failed, Navtwine, end_process, free_port, is_listening, run, \
-    tcp_sockets, wait_until
+from harness import ESTABLISHED, OWN_THREADS, STANDIN, Failed, Navtwine, end_process, free_port, is_listening, \
+    peers, run, wait_until
 
 EPOCHS = 20      # fed, of a longer log the first
 LONGEST = 2000   # lines of a log that are looked at
@@ -54,14 +54,12 @@ def messages_of(epochs):
     return messages
 
 
-def stand_in_log():
-    """What the stand-in receiver prints."""
-    settings = {"GPSPIPE_RATE": "0", "GPSPIPE_EPOCHS": str(EPOCHS)}
-    return subprocess.check_output([STANDIN / "gpspipe", "-r"], env=settings, text=True, timeout=20)
-
-
 def read_log(arguments):
-    text = Path(arguments[0]).read_text("latin-1") if arguments else stand_in_log()
+    if arguments:
+        text = Path(arguments[0]).read_text("latin-1")
+    else:
+        settings = {"GPSPIPE_RATE": "0", "GPSPIPE_EPOCHS": str(EPOCHS)}
+        text = subprocess.check_output([STANDIN / "gpspipe", "-r"], env=settings, text=True, timeout=20)
     found = list(filter(None, map(SENTENCE.search, text.splitlines()[:LONGEST])))
     if not found:
         raise Failed("the log holds no NMEA sentence")
@@ -79,16 +77,6 @@ def start_gpsd(stack, *source):
     if not wait_until(lambda: gpsd.poll() is not None or is_listening(port), 10) or gpsd.poll() is not None:
         raise Failed(f"gpsd does not listen on port {port} (status {gpsd.poll()})")
     return port
-
-
-def start_gpspipe(stack, option, port, output):
-    """The real one, beside navtwine's."""
-    gpspipe = subprocess.Popen([GPSPIPE, option, f"127.0.0.1:{port}"], stdout=open(output, "wb"))
-    stack.callback(end_process, gpspipe)
-
-
-def connections(port):
-    return sum(local == port and state == 1 for local, _, state in tcp_sockets())
 
 
 def positions_in(reports):
@@ -139,11 +127,12 @@ def feed(stack, folder, epochs):
     navtwine = stack.enter_context(Navtwine(gpspipe=folder))
     client = stack.enter_context(socket.create_connection(("127.0.0.1", navtwine.port)))
     second_port = start_gpsd(stack, f"tcp://127.0.0.1:{navtwine.port}")
-    start_gpspipe(stack, "-r", first_port, folder / "sentences")
-    start_gpspipe(stack, "-w", first_port, folder / "first")
-    start_gpspipe(stack, "-w", second_port, folder / "second")
-    if not wait_until(lambda: connections(first_port) == 3 and connections(second_port) == 1 and
-                      navtwine.threads() == OWN_THREADS + 2, 10):
+    for option, port, output in ("-r", first_port, "sentences"), ("-w", first_port, "first"), \
+                                ("-w", second_port, "second"):
+        gpspipe = subprocess.Popen([GPSPIPE, option, f"127.0.0.1:{port}"], stdout=open(folder / output, "wb"))
+        stack.callback(end_process, gpspipe)
+    if not wait_until(lambda: len(peers(first_port, ESTABLISHED)) == 3 and len(peers(second_port, ESTABLISHED)) == 1
+                      and navtwine.threads() == OWN_THREADS + 2, 10):
         raise Failed("the chain does not connect")
     time.sleep(2)  # they have asked for what they want
     print(f"feeding {len(epochs)} epochs: {os.ttyname(far_end)} -> gpsd :{first_port} -> gpspipe -> "

@@ -2,7 +2,7 @@
 
 import contextlib
 import os
-import resource
+import re
 import signal
 import socket
 import subprocess
@@ -17,6 +17,7 @@ STANDIN = BUILD / "tools"  # the folder of the stand-in gpspipe, for PATH
 ALL_TYPES = ["--gga", "--rmc", "--gsa", "--zda", "--gbs", "--gll", "--gsv", "--vtg"]
 OWN_THREADS = 3            # main, the server, the one that ends gpspipe
 
+ESTABLISHED, CLOSE_WAIT, LISTEN = 1, 8, 10  # of the kernel's net/tcp_states.h
 VERDICT = {None: "", True: "ok", False: "FAILED"}
 
 rows = []
@@ -45,11 +46,6 @@ def run(main):
         sys.exit("FAILED: interrupted, or out of time")
 
 
-def allow_many_descriptors():
-    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
-
-
 def free_port():
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
@@ -64,16 +60,16 @@ def wait_until(condition, seconds, step=0.02):
     return bool(met)
 
 
-def tcp_sockets():
-    """(own port, the peer's port, state) of the machine's sockets; the states are the kernel's net/tcp_states.h."""
-    for line in Path("/proc/net/tcp").read_text().splitlines()[1:]:
-        _, local, remote, state = line.split()[:4]
-        yield int(local.split(":")[1], 16), int(remote.split(":")[1], 16), int(state, 16)
+def peers(port, *states):
+    """The other ends' ports of the machine's TCP sockets at `port` that are in one of the states."""
+    sockets = [line.split()[1:4] for line in Path("/proc/net/tcp").read_text().splitlines()[1:]]
+    return [int(remote[-4:], 16) for local, remote, state in sockets
+            if int(local[-4:], 16) == port and int(state, 16) in states]
 
 
 def is_listening(port):
     """Looked up, not tried: a connection would be a client."""
-    return any(local == port and state == 10 for local, _, state in tcp_sockets())
+    return bool(peers(port, LISTEN))
 
 
 def children_of(process):
@@ -137,14 +133,9 @@ class Navtwine:
         return time.clock_gettime(~self.pid << 3 | 2)
 
     def memory(self):
-        """KiB: resident, private and written to, address space."""
-        figures = {}
-        for name in ("smaps_rollup", "status"):
-            for line in Path(f"/proc/{self.pid}/{name}").read_text().splitlines()[1:]:
-                key, _, value = line.partition(":")
-                if value.endswith("kB"):
-                    figures[key] = int(value.split()[0])
-        return {"resident": figures["Rss"], "dirty": figures["Private_Dirty"], "addresses": figures["VmSize"]}
+        """KiB: Rss is resident, Private_Dirty of it its own and written to, VmSize address space."""
+        text = "".join(Path(f"/proc/{self.pid}/{name}").read_text() for name in ("smaps_rollup", "status"))
+        return {key: int(kib) for key, kib in re.findall(r"^(Rss|Private_Dirty|VmSize):\s+(\d+) kB", text, re.M)}
 
     def threads(self):
         return len(os.listdir(f"/proc/{self.pid}/task"))

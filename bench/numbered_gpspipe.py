@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """A gpspipe whose lines are numbered, five a second: $GPxxx,NUMBER,NUMBER,padding*hh
 
-The number is the time in fifths of a second since the machine started, so that it says how old a line is and goes on
-rising when another gpspipe is started. It stands where a GSV sentence counts, so that each of these is a whole group."""
+The number is the time in fifths of a second since the machine started: it says how old a line is, and goes on rising
+when another gpspipe is started. It stands where a GSV sentence counts, so that each of these is a whole group."""
 
 import os
 import random
@@ -10,11 +10,10 @@ import time
 from functools import reduce
 from operator import xor
 
-NAMES = ["GGA", "RMC", "GSA", "ZDA", "GBS", "GLL", "GSV", "VTG"]
-
 number = int(time.monotonic() * 5)
 while True:
     number += 1
     time.sleep(max(0, number / 5 - time.monotonic()))
-    body = f"GP{random.choice(NAMES)},{number},{number},{'0' * random.randrange(10, 420)}"
+    name = random.choice(["GGA", "RMC", "GSA", "ZDA", "GBS", "GLL", "GSV", "VTG"])
+    body = f"GP{name},{number},{number},{'0' * random.randrange(10, 420)}"
     os.write(1, f"${body}*{reduce(xor, body.encode()):02X}\r\n".encode())
