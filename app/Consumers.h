@@ -11,13 +11,13 @@ struct Consumers {
     /// At least one consumer exists. The thread library owns the uplink and the serial consumer once they are started,
     /// so no pointer to them is kept.
     bool any = false;
-    bool wanted = false; ///< at least one was switched on
+    bool wanted = false; ///< at least one is enabled
 };
 
-/// Makes the consumers that are switched on, in the order TCP server, uplink, serial line; their threads run
-/// from then on. Thread: main, after the daemon step.
+/// Creates the enabled consumers and starts their threads, in the order TCP server, uplink, serial line.
+/// Thread: main, after daemonizing.
 [[nodiscard]] Consumers startConsumers(const RunSettings &settings);
 
-/// Waits for the server's end and deletes it, and ends the serial line's output. The uplink, which may be held by its
-/// collector or in its retry delay, is not waited for; it ends with the process.
+/// Waits for the server to end, deletes it, and ends the serial output. Does not wait for the uplink, which its
+/// collector or the retry delay may block; it ends with the process.
 void endConsumers(Consumers &consumers);

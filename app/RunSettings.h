@@ -4,10 +4,10 @@
 #include <string>
 #include <termios.h>
 
-/// All settings of a run, as the command line gave them. Owned by main; every consumer copies what it needs.
-/// The serial fields hold termios constants (termios(3)), ready to be or-ed into `c_cflag`.
+/// All settings of a run, from the command line. Owned by main; every consumer copies what it needs.
+/// The serial fields hold termios(3) constants; all but the speed can be or-ed into `c_cflag`.
 struct RunSettings {
-    std::int16_t logLevel = 30; ///< threshold, 1 to 100 by the usage text, any number taken
+    std::int16_t logLevel = 30; ///< threshold; 1 to 100 in the usage text, but any number is accepted
     bool logToStderr = false;
     bool daemonize = false;
 
@@ -32,5 +32,5 @@ struct RunSettings {
     std::string stationId;
     std::string stationIdPrefix;
     std::int32_t interval = 10; ///< seconds between two sentences of one type; 1: no limit
-    bool timestamp = false;     ///< gpspipe puts a time stamp in front of every line
+    bool timestamp = false;     ///< gpspipe prefixes every line with a time stamp
 };

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr unsigned int step = 1000; ///< milliseconds
-constexpr int patience = 5;         ///< steps until the process is ended the hard way
+constexpr int patience = 5;         ///< steps before the process is ended by force
 
 } // namespace
 

@@ -2,15 +2,15 @@
 
 #include "support/Thread.h"
 
-/// Sees to it that a requested exit comes about, wherever the main thread is.
+/// Enforces a requested exit, whatever the main thread is blocked in.
 ///
-/// It ends the running gpspipe, so that the reader's run ends: the signal interrupts a blocked read, but neither a
-/// read that begins right after it, nor pclose(3), nor the reading of a gpspipe that never pauses. And when the
-/// main thread has not come to its end after five seconds, because a system log that takes nothing holds it or
-/// another thread, it ends the process with status 0.
+/// Ends the running gpspipe so that the reader returns: the signal interrupts a blocked read, but not a read that
+/// starts right after it, nor pclose(3), nor reads from a gpspipe that never pauses. If the main thread has not
+/// finished after five seconds, because a stalled system log blocks it or another thread, ends the process with
+/// status 0.
 ///
-/// Owned by main, from the start of the consumers to the end, which comes after a request only: the wait for one is
-/// no cancellation point.
+/// Owned by main from the start of the consumers on. REQUIRES: destroyed only after an exit request, since waiting for
+/// one is not a cancellation point.
 class StopThread : public KAV::Thread {
 public:
     /// Starts the thread. Errors: as KAV::Thread::start.

@@ -65,7 +65,7 @@ OPTIONS:
     std::exit(1);
 }
 
-/// A number, decimal, 0x hexadecimal or 0 octal, cut to 16 bits. Text behind it is ignored; without digits it is 0.
+/// A decimal, 0x hexadecimal or 0 octal number, truncated to 16 bits. Trailing text is ignored; no digits give 0.
 std::int16_t numberOf(const char *value) { return static_cast<std::int16_t>(std::strtol(value, nullptr, 0)); }
 
 void setLogLevel(RunSettings &settings, char *value)
@@ -137,7 +137,7 @@ void setText(RunSettings &settings, char *value)
 template <std::string RunSettings::*field>
 void setSecret(RunSettings &settings, char *value)
 {
-    wipe_string(settings.*field); // the option may have been given before
+    wipe_string(settings.*field); // the option may be given twice
     settings.*field = value;
     ::explicit_bzero(value, std::strlen(value));
 }
@@ -156,7 +156,7 @@ void setSwitch(RunSettings & /*settings*/, char * /*value*/)
 
 struct Option {
     std::string_view name;
-    bool takesValue; ///< the next argument, whatever it looks like; without one the option is not recognised
+    bool takesValue; ///< the next argument, whatever it looks like; if there is none, the option is ignored
     void (*apply)(RunSettings &settings, char *value);
 };
 

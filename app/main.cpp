@@ -31,5 +31,5 @@ int main(int argc, char *argv[])
     wipe_string(settings.serverPassword);
     wipe_string(settings.clientPassword);
     KAV_LOG(INFO, "execution complete\n");
-    return consumers.wanted && !consumers.any ? EXIT_FAILURE : EXIT_SUCCESS; // so that a supervisor tries again
+    return consumers.wanted && !consumers.any ? EXIT_FAILURE : EXIT_SUCCESS; // failure: a supervisor shall retry
 }

@@ -20,7 +20,7 @@ void runReader(const RunSettings &settings)
 void runReaderUntilExit(const RunSettings &settings)
 {
     while (exitRequested == 0) {
-        // A run that memory has ended is started again like any other.
+        // A run that failed for lack of memory is retried like any other.
         static_cast<void>(KAV::ifMemoryAllows([&] { runReader(settings); }));
         ::sleep(1);
     }

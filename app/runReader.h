@@ -2,5 +2,5 @@
 
 #include "app/RunSettings.h"
 
-/// Runs the gpspipe reader again and again, one second apart, until `exitRequested` is set. Thread: main.
+/// Runs the gpspipe reader repeatedly, one second apart, until `exitRequested` is set. Thread: main.
 void runReaderUntilExit(const RunSettings &settings);

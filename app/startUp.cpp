@@ -37,7 +37,7 @@ constexpr std::array reactions{
     Reaction{SIGINT, onInterruptSignal},
 };
 
-/// When a standard stream is closed, a client's socket would get its number, and log lines would go to the client.
+/// Otherwise a client's socket could get the number of a closed standard stream, and receive log lines.
 void openStandardStreams()
 {
     KAV::Descriptor opened(::open("/dev/null", O_RDWR));
@@ -47,7 +47,7 @@ void openStandardStreams()
     }
 }
 
-/// The usual soft limit of 1,024 would be the limit of clients.
+/// The usual soft limit of 1,024 descriptors would limit the number of clients.
 void raiseDescriptorLimit()
 {
     rlimit limit{};
@@ -57,8 +57,8 @@ void raiseDescriptorLimit()
     }
 }
 
-/// Cancels itself once, which loads the code that unwinds a cancelled thread (libgcc_s). Loaded later, while memory is
-/// out, glibc would abort the process. The shield keeps the cancellation itself from taking effect.
+/// Cancels itself once to load the code that unwinds a cancelled thread (libgcc_s): if glibc had to load it while out
+/// of memory, it would abort the process. The shield keeps the cancellation from taking effect.
 class Rehearsal : public KAV::Thread {
 public:
     Rehearsal() : KAV::Thread("navtwine rehearsal", true) { KAV::Thread::start(); }
@@ -89,7 +89,7 @@ void prepareProcess()
     createExitEvent();
     beforeProcessEnds(endGpspipeForGood);
     const std::unique_ptr<Rehearsal> ended(KAV::startWorker<Rehearsal>());
-    // Messages are small and short-lived: an arena for each thread would only cost memory.
+    // Messages are small and short-lived; one arena per thread would only waste memory.
     ::mallopt(M_ARENA_MAX, 1);
 }
 

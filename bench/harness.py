@@ -1,31 +1,49 @@
-"""What the scripts share: navtwine as a child process, its figures from /proc, and TCP clients."""
+"""What bench, soak and chain share: navtwine as a child process, its figures from /proc, and the table of results."""
 
 import contextlib
 import os
-import resource
-import selectors
+import re
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
-import threading
 import time
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build" / "release"
-NAVTWINE = BUILD / "navtwine"
-STANDIN = BUILD / "tools"  # the folder: it goes first on PATH
+STANDIN = BUILD / "tools"  # the folder of the stand-in gpspipe, for PATH
 ALL_TYPES = ["--gga", "--rmc", "--gsa", "--zda", "--gbs", "--gll", "--gsv", "--vtg"]
+OWN_THREADS = 3            # main, the server, the one that ends gpspipe
+
+ESTABLISHED, CLOSE_WAIT, LISTEN = 1, 8, 10  # of the kernel's net/tcp_states.h
+VERDICT = {None: "", True: "ok", False: "FAILED"}
+
+rows = []
 
 
 class Failed(Exception):
     """What went wrong, in words for a person."""
 
 
-def allow_many_descriptors():
-    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+def row(name, figure, limit="", ok=None):
+    """A row of the table; `ok`: whether the figure keeps its limit, None when it has none."""
+    rows.append((name, figure, limit, ok))
+    print(f"{name:<64} {figure!s:>30}  {limit:<44} {VERDICT[ok]}", flush=True)
+
+
+def run(main):
+    """Ends the process: with status 0 when `main` returns and every row is well."""
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    try:
+        main()
+        if bad := [name.strip() for name, _, _, ok in rows if ok is False]:
+            raise Failed("; ".join(bad))
+    except (Failed, OSError) as failure:
+        sys.exit(f"FAILED: {failure}")
+    except KeyboardInterrupt:
+        sys.exit("FAILED: interrupted, or out of time")
 
 
 def free_port():
@@ -34,7 +52,7 @@ def free_port():
         return probe.getsockname()[1]
 
 
-def wait_until(condition, seconds, step=0.05):
+def wait_until(condition, seconds, step=0.02):
     """True as soon as `condition()` is; False when it was not in time."""
     end = time.monotonic() + seconds
     while not (met := condition()) and time.monotonic() < end:
@@ -42,22 +60,16 @@ def wait_until(condition, seconds, step=0.05):
     return bool(met)
 
 
-def tcp_sockets():
-    """(own port, the peer's port, state) of the machine's sockets; the states are the kernel's net/tcp_states.h."""
-    for line in Path("/proc/net/tcp").read_text().splitlines()[1:]:
-        _, local, remote, state = line.split()[:4]
-        yield int(local.split(":")[1], 16), int(remote.split(":")[1], 16), int(state, 16)
+def peers(port, *states):
+    """The other ends' ports of the machine's TCP sockets at `port` that are in one of the states."""
+    sockets = [line.split()[1:4] for line in Path("/proc/net/tcp").read_text().splitlines()[1:]]
+    return [int(remote[-4:], 16) for local, remote, state in sockets
+            if int(local[-4:], 16) == port and int(state, 16) in states]
 
 
 def is_listening(port):
     """Looked up, not tried: a connection would be a client."""
-    return any(local == port and state == 10 for local, _, state in tcp_sockets())
-
-
-def has_connection(port, peer):
-    """Whether the server at `port` has what its client at port `peer` believes to have: established, or waiting to
-    be closed."""
-    return any((local, remote) == (port, peer) and state in (1, 8) for local, remote, state in tcp_sockets())
+    return bool(peers(port, LISTEN))
 
 
 def children_of(process):
@@ -70,157 +82,63 @@ def children_of(process):
     return found
 
 
-def end_process(process, first_signal=signal.SIGTERM, seconds=5):
+def end_process(process, first_signal=signal.SIGTERM):
     """Ends a Popen and what it started, and nothing else. Returns its status."""
     below = children_of(process.pid)
-    if process.poll() is None:
-        process.send_signal(first_signal)
-        try:
-            process.wait(seconds)
-        except subprocess.TimeoutExpired:
-            below += children_of(process.pid)
-            process.kill()
-            process.wait()
+    process.send_signal(first_signal)
+    try:
+        process.wait(5)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        process.wait()
     for child in below:
         with contextlib.suppress(OSError):
-            if os.readlink(f"/proc/{child}/exe"):
-                os.kill(child, signal.SIGKILL)
+            os.kill(child, signal.SIGKILL)
     return process.returncode
 
 
 class Navtwine:
-    """One run of the program; a context manager. The log of the run is `log()`."""
+    """The program with its server, all types and no interval. A context manager, from when it listens.
 
-    def __init__(self, *options, path=STANDIN, environment=None, descriptors=None, port=None):
-        self.port = port or free_port()
+    `gpspipe`: the folder of the one to use; `prefix`: a command that starts the program, prlimit or strace."""
+
+    def __init__(self, *options, gpspipe=STANDIN, prefix=(), **environment):
+        self.port = free_port()
         self.log_file = tempfile.TemporaryFile()
-        variables = {**os.environ, "PATH": f"{path}:/usr/bin:/bin", **(environment or {})}
-        limit = None
-        if descriptors:
-            limit = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))
-        command = [NAVTWINE, "--server", "--server-port", str(self.port), "--interval", "1", "-e"]
-        self.process = subprocess.Popen([*command, *ALL_TYPES, *options], env=variables, preexec_fn=limit,
-                                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                        stderr=self.log_file)
+        command = [*prefix, BUILD / "navtwine", "--server", "--server-port", str(self.port), "--interval", "1", "-e"]
+        self.process = subprocess.Popen(
+            [*command, *ALL_TYPES, *options], env={**os.environ, "PATH": f"{gpspipe}:/usr/bin:/bin", **environment},
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=self.log_file)
         self.pid = self.process.pid
 
     def __enter__(self):
+        wait_until(lambda: self.process.poll() is not None or is_listening(self.port), 10, 0.001)
+        if self.process.poll() is not None or not is_listening(self.port):
+            status = self.stop()
+            raise Failed(f"navtwine does not listen, status {status}: {self.log()[-500:]}")
         return self
 
     def __exit__(self, *_):
         self.stop()
 
-    def wait_until_listening(self):
-        if not wait_until(lambda: self.process.poll() is not None or is_listening(self.port), 10, 0.005):
-            raise Failed("navtwine does not listen")
-        if self.process.poll() is not None:
-            raise Failed(f"navtwine ended at once, status {self.process.returncode}: {self.log()[-500:]}")
-        return self
-
     def stop(self):
         return end_process(self.process, signal.SIGINT)
 
     def log(self):
-        return os.pread(self.log_file.fileno(), self.log_bytes(), 0).decode(errors="replace")
+        log = self.log_file.fileno()
+        return os.pread(log, os.fstat(log).st_size, 0).decode(errors="replace")
 
-    def log_bytes(self):
-        return os.fstat(self.log_file.fileno()).st_size
-
-    def cpu_seconds(self):
-        """Of all threads that live, to the nanosecond; a thread that has ended is not in it."""
-        total = 0
-        for task in os.listdir(f"/proc/{self.pid}/task"):
-            with contextlib.suppress(OSError):
-                total += int(Path(f"/proc/{self.pid}/task/{task}/schedstat").read_text().split()[0])
-        return total / 1e9
-
-    def cpu_seconds_of_all(self):
-        """The same with the threads that have ended, to a hundredth of a second."""
-        fields = Path(f"/proc/{self.pid}/stat").read_text().rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    def processor_seconds(self):
+        """Of all its threads, those that have ended too: the clock that clock_getcpuclockid(3) gives."""
+        return time.clock_gettime(~self.pid << 3 | 2)
 
     def memory(self):
-        """KiB: resident, private and written to, address space."""
-        figures = {}
-        for name in ("smaps_rollup", "status"):
-            for line in Path(f"/proc/{self.pid}/{name}").read_text().splitlines()[1:]:
-                key, _, value = line.partition(":")
-                if value.endswith("kB"):
-                    figures[key] = int(value.split()[0])
-        return {"rss": figures["Rss"], "dirty": figures["Private_Dirty"], "size": figures["VmSize"]}
+        """KiB: Rss is resident, Private_Dirty of it its own and written to, VmSize address space."""
+        text = "".join(Path(f"/proc/{self.pid}/{name}").read_text() for name in ("smaps_rollup", "status"))
+        return {key: int(kib) for key, kib in re.findall(r"^(Rss|Private_Dirty|VmSize):\s+(\d+) kB", text, re.M)}
 
     def threads(self):
         return len(os.listdir(f"/proc/{self.pid}/task"))
 
     def descriptors(self):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
-
-
-class Clients:
-    """Well-behaved clients: a thread of ours takes and counts what they get. A context manager.
-
-    `pause`: seconds from one connection to the next; 0: all at once."""
-
-    def __init__(self, port, count, keep=False, pause=0.002):
-        self.selector = selectors.DefaultSelector()
-        self.chunks = {} if keep else None  # socket: [(when it came, bytes)]
-        self.received = {}  # socket: bytes
-        self.first = {}     # socket: when its first byte came, time.monotonic()
-        self.closed = set()
-        self.began = time.monotonic()
-        self.ending = False
-        for _ in range(count):
-            client = socket.socket()
-            client.setblocking(False)
-            client.connect_ex(("127.0.0.1", port))
-            self.received[client] = 0
-            self.selector.register(client, selectors.EVENT_READ)
-            if pause:
-                time.sleep(pause)
-        self.thread = threading.Thread(target=self._take, daemon=True)
-        self.thread.start()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.ending = True
-        self.thread.join()
-        for client in self.received:
-            client.close()
-        self.selector.close()
-
-    def _take(self):
-        while not self.ending:
-            for key, _ in self.selector.select(0.2):
-                self._take_from(key.fileobj)
-
-    def _take_from(self, client):
-        try:
-            data = client.recv(65536)
-        except OSError:
-            data = b""
-        if data:
-            self.first.setdefault(client, time.monotonic())
-            self.received[client] += len(data)
-            if self.chunks is not None:
-                self.chunks.setdefault(client, []).append((time.monotonic(), data))
-        else:
-            self.closed.add(client)
-            self.selector.unregister(client)
-
-    def served(self):
-        return len(self.first)
-
-    def wait_until_all_served(self, seconds=60):
-        if not wait_until(lambda: self.served() == len(self.received), seconds):
-            raise Failed(f"only {self.served()} of {len(self.received)} clients received anything")
-        return max(self.first.values(), default=self.began) - self.began
-
-    def close_some(self, clients):
-        """Ends these from our side."""
-        for client in clients:
-            self.selector.unregister(client)
-            client.close()
-            self.received.pop(client)
-            self.first.pop(client, None)

@@ -1,4 +1,4 @@
-# The program and what belongs to it on a device. The stand-in receiver under tools/ stays here.
+# Installs the program and its files for a device. The stand-in receiver under tools/ is not installed.
 include(GNUInstallDirs)
 set(NAVTWINE_SYSTEMD_UNIT_DIR lib/systemd/system CACHE PATH "Where systemd looks for units, from the prefix")
 

@@ -1,5 +1,5 @@
 # navtwine_library(NAME SOURCES... USES targets...): one folder, one static library.
-# Files include each other by their path from the root, so an include names the folder it comes from.
+# Includes are relative to the root, so that each names its folder.
 function(navtwine_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;USES" ${ARGN})
   add_library(${name} STATIC ${ARG_SOURCES})

@@ -1,4 +1,4 @@
-# One target carries the warnings of every target of ours.
+# Carries the warning flags for all our targets.
 add_library(navtwine_warnings INTERFACE)
 target_compile_options(navtwine_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow

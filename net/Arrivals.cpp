@@ -16,22 +16,22 @@ using KAV::Descriptor;
 
 namespace {
 
-/// Milliseconds without a new client after which freed memory, 3 KiB for each client that left, goes back to the
-/// system. Nothing else wakes the server while nobody connects.
+/// Milliseconds without a new client before freed memory (3 KiB per client that left) is returned to the system.
+/// Nothing else wakes an idle server.
 constexpr int trimAfter = 30'000;
 
 constexpr int retryPause = 1000; ///< milliseconds; retry interval while the cause of a failure persists
 
-/// Clients that one look takes at most, should they come without end.
+/// Upper limit of clients accepted in a row, in case they never stop coming.
 constexpr std::size_t mostTaken = 1024;
 
-/// Two for the pipe of the next gpspipe, two for the uplink's socket and its resolver.
+/// Two for the pipe of the next gpspipe, two for the uplink's socket and resolver.
 constexpr rlim_t reservedDescriptors = 4;
 
-/// True when `accept` is likely to fail in the same way at once again.
+/// True when `accept` would probably fail again immediately.
 bool isPersistent(int error) { return error != EINTR && error != EAGAIN && error != ECONNABORTED; }
 
-/// Waits for a client, for at most `trimAfter`.
+/// Waits up to `trimAfter` for a client.
 bool isClientWaiting(int listener)
 {
     std::array<pollfd, 2> waiting{{{listener, POLLIN, 0}, {exitEvent(), POLLIN, 0}}};
@@ -39,11 +39,11 @@ bool isClientWaiting(int listener)
     if (ready > 0 && (waiting[0].revents & POLLIN) != 0)
         return true;
     if (ready != 0 && exitRequested == 0)
-        KAV::Thread::sleep(retryPause); // an error on the listener is reported at once, again and again
+        KAV::Thread::sleep(retryPause); // poll returns immediately on a listener in error
     return false;
 }
 
-/// Opens and closes a socket, as a trial of what `accept` needs. False, with `errno` set, when accept would fail.
+/// Opens and closes a socket to test whether `accept` would get a descriptor; otherwise false, with `errno` set.
 bool isDescriptorFree()
 {
     const Descriptor trial(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -57,7 +57,7 @@ bool isDescriptorFree()
     return false;
 }
 
-/// False when an exit was requested before a descriptor was free.
+/// Waits for a free descriptor. False when an exit was requested first.
 bool awaitDescriptor()
 {
     for (bool reported = false; exitRequested == 0; reported = true) {
@@ -93,8 +93,8 @@ bool Arrivals::awaitClient() const
     return false;
 }
 
-/// Accepts one client. False when nobody waits any more, `accept` failed otherwise, or memory is out: then the client
-/// stays in the queue.
+/// Accepts one client. False when none is waiting, `accept` failed, or memory is exhausted: then the client stays in
+/// the backlog.
 bool Arrivals::takeOne()
 {
     if (!KAV::ifMemoryAllows([this] { taken.emplace_back(); })) {

@@ -5,23 +5,22 @@
 #include <utility>
 #include <vector>
 
-/// The clients of one listening socket that are accepted and still wait for their handlers, in the order in which they
-/// came.
+/// Clients of one listening socket that are accepted but have no handler yet, in order of arrival.
 ///
-/// The kernel's queue holds five (listen(2)), and a client beyond it may believe for ever that it is connected. So each
-/// look takes all that wait there, before the next handler is made.
+/// The backlog is five (listen(2)), and a client beyond it may consider itself connected for ever. So the whole backlog
+/// is accepted before the next handler is created.
 ///
 /// Thread: the server's.
 class Arrivals {
 public:
-    /// REQUIRES: `_listener` is a listening socket, not blocking.
+    /// REQUIRES: `_listener` is a non-blocking listening socket.
     explicit Arrivals(KAV::Descriptor _listener) : listener(std::move(_listener)) {}
 
-    /// The next client. Blocks until there is one. Not open when `accept` failed, and when an exit was requested, which
-    /// is noticed at once, or within about a second while there is no free descriptor.
+    /// Blocks until there is a client and returns it. Not open when `accept` failed or an exit was requested, which is
+    /// noticed immediately, or within about a second while no descriptor is free.
     ///
-    /// While no descriptor is free nobody is accepted; the log gets one ERROR line for each time this begins. Four
-    /// descriptors are kept for gpspipe and the uplink, which could not start otherwise.
+    /// While no descriptor is free, no client is accepted; each such period logs one ERROR line. Four descriptors are
+    /// reserved for gpspipe and the uplink, which could not start otherwise.
     [[nodiscard]] KAV::Descriptor next();
 
 private:

@@ -73,7 +73,7 @@ bool ClientHandlerThread::login()
     return false;
 }
 
-/// False when the client cannot be reached any more; what could not be sent is dropped either way.
+/// False when the client is unreachable. Data that could not be sent is dropped in any case.
 bool ClientHandlerThread::sendToClient(const std::string &data) const
 {
     KAV_LOG(DEBUG, "ClientHandlerThread:nmeaSend:%s", data.c_str());

@@ -9,8 +9,8 @@
 
 class nmeaDataSubject;
 
-/// One accepted TCP client: logs it in, then streams every message that is accepted afterwards. Reads nothing
-/// after the login. Made with `new` by the server; deletes itself when its body has ended (Observer).
+/// One accepted TCP client: logs it in, then streams every message that arrives afterwards. Reads nothing after the
+/// login. Created with `new` by the server; deletes itself when its body has ended (Observer).
 class ClientHandlerThread : public Observer {
 public:
     /// Starts the thread. `_password` empty: no login. `_maxLoginAttempts` 0: no limit.
@@ -21,8 +21,8 @@ public:
 
     void execute() override;
 
-    /// The listening side of the handshake; only with a password. True when the client knew it and was told so.
-    /// Takes at most a little over 30 s an attempt.
+    /// The listening side of the handshake. True when the client knew the password and `OK` was sent. Takes at most a
+    /// little over 30 s per attempt. REQUIRES: a password is set.
     [[nodiscard]] bool login();
 
 private:

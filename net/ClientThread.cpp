@@ -20,7 +20,7 @@ namespace {
 constexpr char tcp = 't';
 constexpr char udp = 'u';
 
-/// The first IPv4 address of `host`. False when there is none, with a line in the log.
+/// Looks up the first IPv4 address of `host`. False, after an ERROR line, when there is none.
 bool resolve(const std::string &host, in_addr &address)
 {
     hostent entry{};

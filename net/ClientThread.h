@@ -9,9 +9,9 @@
 
 class nmeaDataSubject;
 
-/// The uplink: connects to one remote collector over TCP or UDP, logs in where a password asks for it, and
-/// sends every accepted message; after any failure it closes, waits 30 s and starts again, for ever. Once
-/// started it deletes itself when its body has ended (Observer).
+/// The uplink: connects to one remote collector over TCP or UDP, logs in if a password is set, and sends every message;
+/// after any failure it closes the connection and reconnects 30 s later, indefinitely. Once started it deletes itself
+/// when its body has ended (Observer).
 class ClientThread : public Observer {
 public:
     /// Starts the thread. `_remoteHost` is a name or an IPv4 address, `_port` in host byte order, `_protocol`
@@ -26,11 +26,11 @@ private:
     void registerOnce();
     [[nodiscard]] bool sendToCollector(const std::string &data) const;
 
-    /// A connected socket, or one that is not open, after an ERROR line that says why.
+    /// A connected socket; not open, after an ERROR line with the reason, if that failed.
     [[nodiscard]] KAV::Descriptor connect_to_host() const;
 
-    /// The connecting side of the handshake, one attempt: true when the collector took the password. Takes at
-    /// most a little over 30 s for each of its two lines.
+    /// The connecting side of the handshake, one attempt: true when the collector accepted the password. Takes at most
+    /// a little over 30 s for each of the two received lines.
     [[nodiscard]] bool authentificate() const;
 
     const std::uint32_t retryDelay;   ///< milliseconds from the end of one session to the next attempt
@@ -40,5 +40,5 @@ private:
     std::string remoteHost;
     WipedString password;
     std::uint16_t port;
-    bool registered = false; ///< once for all sessions, so that messages collect while there is none
+    bool registered = false; ///< once for all sessions, so that messages are queued between them
 };

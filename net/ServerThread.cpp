@@ -56,13 +56,13 @@ void ServerThread::execute()
 
 Descriptor ServerThread::listenOnPort() const
 {
-    // Not blocking: when a client gives up between the wait and `accept`, the server must not block in accept.
+    // Non-blocking: if a client disconnects between poll and `accept`, the server must not block in accept.
     Descriptor listener(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!listener.isOpen()) {
         KAV_LOG(ERROR, "socket() failed returning invalid descriptor: %d\n", listener.get());
         return listener;
     }
-    limitSendBuffer(listener.get()); // before listen(2), so that every connection inherits it
+    limitSendBuffer(listener.get()); // before listen(2): accepted connections inherit it
     const char *failed = nullptr;
     if (!reuseAddress(listener.get()))
         failed = "setsockopt";

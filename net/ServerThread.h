@@ -7,17 +7,17 @@
 #include <cstdint>
 #include <string>
 
-/// The TCP server: listens on one port of every local IPv4 address and makes a ClientHandlerThread for every
+/// The TCP server: listens on one port of every local IPv4 address and creates a ClientHandlerThread for every
 /// connection. Owned by main, which waits for it and deletes it.
 class ServerThread : public KAV::Thread {
 public:
     /// Starts the thread. `_port` in host byte order; `_password` empty: clients are not asked for one;
-    /// `_maxLoginAttempts` for every connection, 0: no limit. Errors: as KAV::Thread::start.
+    /// `_maxLoginAttempts` per connection, 0: no limit. Errors: as KAV::Thread::start.
     ServerThread(std::uint16_t _port, const std::string &_password, std::uint16_t _maxLoginAttempts);
     ~ServerThread() override;
 
-    /// Sets the listening socket up once (a failure is an ERROR line and ends the server), then serves until
-    /// `exitRequested` is set, which it notices at once (Arrivals::next).
+    /// Sets up the listening socket once (a failure logs an ERROR line and ends the server), then serves until
+    /// `exitRequested` is set (Arrivals::next).
     void execute() override;
 
 private:

@@ -16,7 +16,7 @@ constexpr int pollStep = 1000; ///< milliseconds
 
 enum class Look { tookByte, nothingYet, failed };
 
-/// Waits at most one poll step for one byte.
+/// Waits up to one poll step for one byte.
 Look takeByte(int socketDescriptor, char &byte)
 {
     pollfd waiting{socketDescriptor, POLLIN, 0};
@@ -32,7 +32,7 @@ Look takeByte(int socketDescriptor, char &byte)
         if (taken < 0 && errno != EINTR && errno != EAGAIN)
             return Look::failed;
     }
-    // A socket at its end, or in error, stays ready: without this pause the loop would take a whole processor.
+    // A socket at end of file, or in error, stays ready: without this pause the loop would spin.
     KAV::Thread::sleep(pollStep);
     return Look::nothingYet;
 }
@@ -86,7 +86,7 @@ bool sendLine(int socketDescriptor, const std::string &line)
 bool sendSecret(int socketDescriptor, const std::string &password)
 {
     WipedString line;
-    line.reserve(password.size() + 2); // growing would leave a copy behind in freed memory
+    line.reserve(password.size() + 2); // reallocation would leave a copy in freed memory
     line.append(password).append("\r\n");
     return sendLine(socketDescriptor, line);
 }

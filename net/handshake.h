@@ -3,28 +3,26 @@
 #include <array>
 #include <string>
 
-/// Reads one line from a connected socket into `buffer`, byte by byte, so that nothing behind the line is
-/// taken.
+/// Reads one line from a connected socket into `buffer`, byte by byte, so that nothing after the line is consumed.
 ///
-/// Returns the number of bytes taken, "\n" included, when a "\n" arrived: the buffer then holds the bytes
-/// before it, "\r" included, ending in NUL. Returns `bufferSize` when `bufferSize` - 1 bytes were stored and
-/// one more arrived: that one is lost, the buffer holds the others. Returns -1 when more than `timeoutSeconds`
-/// have passed (also for a peer that closed meanwhile), and when poll or recv failed. `bufferSize` in bytes, at
-/// least 1. Blocks for at most a little over `timeoutSeconds` (whole seconds of time()); sleeps whenever there
-/// is nothing to take. Thread: the socket's own.
+/// Returns the number of bytes read, including the "\n", if one arrived; the buffer then holds the bytes before it,
+/// including any "\r", terminated by NUL. Returns `bufferSize` if `bufferSize` - 1 bytes were stored and one more
+/// arrived, which is lost. Returns -1 after more than `timeoutSeconds` (also if the peer closed meanwhile), and if poll
+/// or recv failed. Blocks for at most a little over `timeoutSeconds` (whole seconds of time()).
+/// Thread: the socket's own. REQUIRES: `bufferSize` is at least 1.
 int read_line_from_socket(int socketDescriptor, char *buffer, unsigned int bufferSize, unsigned int timeoutSeconds);
 
-/// What both sides of the password handshake share. It is clear text, lines that end in CR LF:
+/// Shared by both sides of the password handshake: lines of clear text, terminated by CR LF:
 ///
 ///     listening side:  PASSWORD\r\n
 ///     connecting side: (the password)\r\n
 ///     listening side:  OK\r\n, or ERROR\r\n and the prompt again
 namespace handshake {
 
-constexpr unsigned int lineSize = 256;      ///< bytes, the ending NUL included
-constexpr unsigned int timeoutSeconds = 30; ///< for every received line
+constexpr unsigned int lineSize = 256;      ///< bytes, including the terminating NUL
+constexpr unsigned int timeoutSeconds = 30; ///< per received line
 
-/// One received line. Wiped at the end of its life, since it may hold a password.
+/// One received line. Wiped on destruction, since it may contain a password.
 class Line {
 public:
     Line() = default;
@@ -32,21 +30,21 @@ public:
     Line &operator=(const Line &) = delete;
     ~Line();
 
-    /// Reads the next line of the peer; false when it did not come in time or the connection failed.
+    /// Reads the peer's next line; false on a time-out or a failed connection.
     [[nodiscard]] bool receive(int socketDescriptor);
-    /// True when the line, without CR and LF at its ends, is `text`.
+    /// True when the line, stripped of CR and LF, equals `text`.
     [[nodiscard]] bool is(const std::string &text) const;
-    /// The line as it came, without its "\n".
+    /// The line as received, without its "\n".
     [[nodiscard]] const char *raw() const { return bytes.data(); }
 
 private:
     std::array<char, lineSize> bytes{};
 };
 
-/// Sends `line` with one send(2); false, with `errno` set, when it failed. A short send counts as success.
+/// Sends `line` with one send(2); false, with `errno` set, if that failed. A short send counts as success.
 [[nodiscard]] bool sendLine(int socketDescriptor, const std::string &line);
 
-/// Sends `password` and the line end with one send(2), like `sendLine`; the copy that this needs is wiped.
+/// Like `sendLine`, for `password` plus the line end; the copy that this needs is wiped.
 [[nodiscard]] bool sendSecret(int socketDescriptor, const std::string &password);
 
 } // namespace handshake

@@ -6,10 +6,10 @@
 
 namespace {
 
-constexpr int sendBufferBytes = 16 * 1024; // the kernel doubles it for its own book-keeping
+constexpr int sendBufferBytes = 16 * 1024; // the kernel doubles it for its own bookkeeping
 
 constexpr int deadAfter = 300;    // seconds
-constexpr int quietBefore = 120;  // seconds until the first probe of a quiet connection
+constexpr int quietBefore = 120;  // seconds before the first probe of an idle connection
 constexpr int probeInterval = 30; // seconds
 constexpr int probes = (deadAfter - quietBefore) / probeInterval;
 

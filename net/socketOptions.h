@@ -1,14 +1,13 @@
 #pragma once
 
-// Both are best effort: when the kernel refuses, its default stays, and the connection works.
+// Both are best effort: if the kernel refuses, its default remains, and the connection works.
 
-/// Gives a TCP socket a small send buffer (SO_SNDBUF, socket(7)); connections accepted from a listening socket
-/// inherit it. With the default one, a peer that stops reading parks megabytes of old positions in the kernel
-/// and reads them first when it wakes, while the mailbox promises that the newest data wins.
+/// Gives a TCP socket a small send buffer (SO_SNDBUF, socket(7)), which accepted connections inherit. With the default,
+/// megabytes of old positions would pile up in the kernel for a peer that stops reading, and it would get these first
+/// when it resumes, although the mailbox drops old messages in favour of new ones.
 void limitSendBuffer(int socketDescriptor);
 
-/// Makes sends on a connected TCP socket fail once its peer has acknowledged nothing for five minutes
-/// (TCP_USER_TIMEOUT, tcp(7)); probes do the same for a connection on which nothing is sent (SO_KEEPALIVE, socket(7)).
-/// The kernel's default takes some 15 minutes, or for ever. Not less than five: a peer that is there and does not read
-/// counts, too.
+/// Makes sends on a connected TCP socket fail after five minutes without an acknowledgement (TCP_USER_TIMEOUT, tcp(7));
+/// keep-alive probes do the same for an idle connection (SO_KEEPALIVE, socket(7)). The kernel's defaults are some 15
+/// minutes and never. Not less than five minutes, since a peer that is up but does not read counts as dead too.
 void giveUpDeadPeer(int socketDescriptor);

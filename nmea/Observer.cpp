@@ -8,10 +8,10 @@
 
 namespace {
 
-/// Compared before the new message is appended, so a mailbox holds one more than this.
+/// Checked before the new message is appended, so a mailbox holds one more than this.
 constexpr std::size_t fullQueue = 10;
 
-/// An emptied place keeps at most this: eleven huge GSV groups must not stay in memory.
+/// Bytes that a free slot may keep allocated: eleven huge GSV groups must not stay in memory.
 constexpr std::size_t keptBytes = 1024;
 
 } // namespace
@@ -22,7 +22,7 @@ Observer::~Observer() = default;
 
 void Observer::update(const std::string &message)
 {
-    // What cannot be copied is dropped.
+    // A message that cannot be copied is dropped.
     static_cast<void>(KAV::ifMemoryAllows([&] { append(message); }));
 }
 

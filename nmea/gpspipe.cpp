@@ -22,10 +22,10 @@ namespace {
 constexpr int endOfOutput = 0;
 constexpr int noLine = 32;
 
-/// Inode of the reader's pipe, 0 before the first one. Kept when the stream is closed, since pclose may still wait.
+/// Inode of the reader's pipe, 0 before the first one. Kept during pclose, which may still be waiting.
 constinit std::atomic<std::uint32_t> pipeInode{0};
 
-/// Held while gpspipe is started, so that it is not looked for before its pipe is known.
+/// Held while gpspipe is started, so that nothing searches for it before its pipe is known.
 constinit std::mutex startLock;
 
 struct ClosePipe {
@@ -41,7 +41,7 @@ struct CloseFolder {
     }
 };
 
-/// Starts `command` and remembers its pipe. Null when it cannot be started.
+/// Starts `command` and records its pipe. Null when it cannot be started.
 Stream start(const char *command)
 {
     const std::lock_guard starting(startLock);
@@ -52,8 +52,8 @@ Stream start(const char *command)
     return stream;
 }
 
-/// True for a process of our group that has `pipe` as its standard output; the group is asked because inode numbers are
-/// used again. Allocates nothing, since it must work while memory is out.
+/// True for a process of our group whose standard output is `pipe`; the group is checked because inode numbers are
+/// reused. Allocates nothing, since it must work without free memory.
 bool writesTo(const char *pipe, pid_t process)
 {
     std::array<char, 64> link{};
@@ -71,7 +71,7 @@ int signalWriters(int signal)
     std::snprintf(pipe.data(), pipe.size(), "pipe:[%u]", pipeInode.load());
     int found = 0;
     while (const dirent *const entry = processes ? ::readdir(processes.get()) : nullptr) {
-        const pid_t process = std::atoi(entry->d_name); // 0 for what is not a process
+        const pid_t process = std::atoi(entry->d_name); // 0 for entries that are not processes
         if (process > 0 && process != ::getpid() && writesTo(pipe.data(), process) && ::kill(process, signal) == 0)
             ++found;
     }
@@ -107,7 +107,7 @@ int kavGPSGetNMEAStrings(int timestamp, LineCallback callback, int interval, con
 void endGpspipe()
 {
     constexpr int politeRounds = 10;
-    constexpr int rounds = 2 * politeRounds; // a process in an uninterruptible wait outlives even SIGKILL
+    constexpr int rounds = 2 * politeRounds; // bounded: a process in uninterruptible sleep ignores even SIGKILL
     for (int round = 0; round < rounds; ++round) {
         if (signalWriters(round < politeRounds ? SIGTERM : SIGKILL) == 0)
             return;

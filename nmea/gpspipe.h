@@ -2,28 +2,26 @@
 
 #include <string>
 
-/// What the reader calls with every line: the line, ending in NUL and valid only during the call, then the two
-/// arguments that the reader was given. The result is not used.
+/// Called by the reader for every line: the NUL-terminated line, valid only during the call, then two of the reader's
+/// arguments. The result is ignored.
 using LineCallback = int (*)(const char *line, int interval, const std::string *decoration);
 
-/// One run of the reader: starts gpspipe and hands every line of its output to `callback`, until the output
-/// ends or a caught signal interrupts a read. A line longer than 511 bytes arrives in pieces. A line for which
-/// `callback` has no memory is lost.
+/// One run of the reader: starts gpspipe and passes every line of its output to `callback`, until the output ends or a
+/// signal interrupts a read. Lines longer than 511 bytes are split. A line is lost if `callback` runs out of memory.
 ///
-/// `timestamp` not 0: gpspipe puts its time stamp in front of every line (-t). `interval` and `decoration` are
-/// passed on untouched. Returns 0 when the output ended in a line without line end, 32 when gpspipe could not
-/// be started (an ERROR line says so) or a read gave no line. Thread: main, which alone receives the signals.
+/// `timestamp` not 0: gpspipe prefixes every line with a time stamp (-t). `interval` and `decoration` are passed on
+/// unchanged. Returns 0 if the output ended in a line without line end, 32 if gpspipe could not be started (after an
+/// ERROR line) or a read returned no line. Thread: main, the only one that receives the signals.
 int kavGPSGetNMEAStrings(int timestamp, LineCallback callback, int interval, const std::string *decoration);
 
-/// Ends gpspipe and the shell that popen(3) puts in front of it: every process of our process group whose standard
-/// output is the reader's pipe. By SIGTERM first, by SIGKILL after a fifth of a second. Returns at once when there is
-/// none.
+/// Ends gpspipe and the shell in which popen(3) runs it: every process of our process group whose standard output is
+/// the reader's pipe. Sends SIGTERM first, SIGKILL after 0.2 s. Returns immediately if there is none.
 ///
-/// Needed because popen does not tell the process number, and pclose waits for a gpspipe that, with a silent receiver,
-/// does not notice that nobody reads any more.
-/// Any thread. Looks in /proc (proc_pid_fd(5)): without it, or once gpspipe has closed its standard output, nothing is
+/// Needed because popen does not return the process ID, and pclose waits for a gpspipe that, with a silent receiver,
+/// does not notice that the pipe is closed.
+/// Any thread. Searches /proc (proc_pid_fd(5)): without it, or once gpspipe has closed its standard output, nothing is
 /// found.
 void endGpspipe();
 
-/// Ends gpspipe and lets no other start, for good: before the end of the process. Any thread.
+/// Ends gpspipe and permanently prevents another start; called before the process ends. Any thread.
 void endGpspipeForGood();

@@ -27,9 +27,9 @@ int handleNMEAString(const char *line, int interval, const std::string *decorati
 
     nmeaDataSubject *const subject = nmeaDataSubject::getInstance();
     const std::string message =
-        decorated(*decoration, text); // first: a message without memory must not use up the interval
+        decorated(*decoration, text); // first: running out of memory must not use up the interval
     if (*type == SentenceType::GSV) {
-        // Gathered even while GSV is off or not due, so that a group does not start with its second sentence.
+        // Collected even while GSV is off or not due, so that no group starts with its second sentence.
         std::string group;
         const bool complete = subject->collectGSV(message, group);
         if (complete && isSentenceDue(filterOf(*type), now, interval))

@@ -2,9 +2,9 @@
 
 #include <string>
 
-/// Takes one line of gpspipe: finds its sentence type, puts the decoration in front, gathers GSV groups, and hands what
-/// is due to the subject. Lines of other types are dropped.
+/// Processes one line of gpspipe: finds its sentence type, prefixes the decoration, collects GSV groups, and passes
+/// due messages to the subject. Lines of other types are dropped.
 ///
-/// `line` ends in NUL and is the caller's; `interval` in seconds (isSentenceDue). Returns 0. Thread: main.
-/// REQUIRES: `decoration` is not null.
+/// `interval` in seconds (isSentenceDue). Returns 0. Thread: main.
+/// REQUIRES: `line` is NUL-terminated; `decoration` is not null.
 int handleNMEAString(const char *line, int interval, const std::string *decoration);

@@ -9,8 +9,8 @@
 
 class Observer;
 
-/// Passes messages from the reader to the consumers: one object for the whole process, made on first use and never
-/// destroyed, since threads use it until the process ends.
+/// Passes messages from the reader to the consumers: one object per process, created on first use and never destroyed,
+/// since threads use it until the process ends.
 ///
 /// Locks: `observersLock`, then each observer's `queueLock`; never the other way round.
 class nmeaDataSubject {
@@ -23,22 +23,21 @@ public:
     /// Errors: std::system_error when the creation mutex cannot be locked.
     [[nodiscard]] static nmeaDataSubject *getInstance();
 
-    /// Registers an observer at the end of the list; twice means that it gets every message twice. Not owned.
+    /// Appends an observer to the list; one attached twice gets every message twice. Not owned.
     /// Thread: the observer's own.
     void attach(Observer *observer);
 
-    /// Removes every registration of an observer; afterwards no `update` can reach it. Any thread.
+    /// Removes all registrations of an observer; afterwards its `update` is not called any more. Any thread.
     void detach(Observer *observer);
 
-    /// Hands `message` to every registered observer, in the order of registration. Main thread.
+    /// Passes `message` to every registered observer, in order of registration. Thread: main.
     void notify(const std::string &message);
 
-    /// Gathers one decorated GSV sentence. True when it completes its group (its second and third
-    /// comma-separated fields are equal); `group` then holds all sentences gathered so far, and is empty
-    /// otherwise.
+    /// Collects one decorated GSV sentence. True when it completes its group (its second and third comma-separated
+    /// fields are equal); `group` then holds all sentences collected so far, otherwise it is empty.
     ///
-    /// Thread: main, no lock. What never completes goes out with the next group; beyond 256 KiB it is dropped
-    /// with an ERROR line, so that a source that never completes one cannot eat the memory.
+    /// Thread: main, no lock. An incomplete group is sent with the next one; beyond 256 KiB it is dropped with an ERROR
+    /// line, so that a source that never completes a group cannot exhaust memory.
     bool collectGSV(const std::string &sentence, std::string &group);
 
 private:

@@ -11,7 +11,7 @@ constexpr std::array<std::string_view, sentenceTypeCount> typeNames{
 };
 constexpr std::size_t keyLength = 5;
 
-/// The row of the key that `text` begins with; `typeNames.size()` when it begins with none.
+/// The row of the key at the start of `text`; `typeNames.size()` if there is none.
 std::size_t rowOfKeyAt(std::string_view text)
 {
     if (text[1] != 'P' && text[1] != 'N')
@@ -27,7 +27,7 @@ std::size_t rowOfKeyAt(std::string_view text)
 
 std::optional<SentenceType> findSentenceType(std::string_view line)
 {
-    // One pass over the line instead of sixteen: every key begins with G, and the lowest row wins.
+    // One pass over the line instead of sixteen: every key starts with G, and the lowest row wins.
     std::size_t lowest = typeNames.size();
     std::size_t at = line.find('G');
     while (lowest > 0 && at != std::string_view::npos && line.size() - at >= keyLength) {

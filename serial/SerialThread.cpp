@@ -16,11 +16,11 @@
 
 namespace {
 
-/// The consumer whose body runs, for `endOutput`; null when there is none.
+/// The consumer whose body is running, for `endOutput`; null if there is none.
 constinit SerialThread *running = nullptr;
 constinit std::mutex runningLock;
 
-/// Makes a consumer known as `running` until the end of the scope.
+/// Sets `running` until the end of the scope.
 class RunningScope {
 public:
     explicit RunningScope(SerialThread *body) { set(body); }
@@ -36,7 +36,7 @@ private:
     }
 };
 
-/// Cancels the running consumer. False when there is none any more: its port is closed then.
+/// Cancels the running consumer. False if there is none; its port is closed then.
 bool cancelRunning()
 {
     const std::lock_guard hold(runningLock);
@@ -45,8 +45,8 @@ bool cancelRunning()
     return running != nullptr;
 }
 
-/// The open port. Its output is thrown away before it is closed: a UART driver waits up to 30 s in close(2), or at the
-/// end of the process, for what a held or slow line has not taken (closing_wait, setserial(8)).
+/// The open port. Discards its pending output before closing: otherwise close(2), or the end of the process, waits up
+/// to 30 s for a line that is slow or held up by flow control (closing_wait, setserial(8)).
 class Port {
 public:
     explicit Port(KAV::Descriptor opened) : descriptor(std::move(opened)) {}
@@ -94,7 +94,7 @@ SerialThread::~SerialThread()
 
 void SerialThread::execute()
 {
-    const RunningScope known(this); // declared first: until the port is closed
+    const RunningScope known(this); // declared first: stays set until the port is closed
     const Port port(openOrEndProcess());
     KAV_LOG(INFO, "serial port opened");
     while (!KAV::ifMemoryAllows([this] { subject->attach(this); }))
@@ -103,13 +103,13 @@ void SerialThread::execute()
     chooseStandard(port.get());
     deliverUntilExit([&port](const std::string &batch) {
         writeBatch(port.get(), batch);
-        return true; // a line that fails may come back
+        return true; // a failed line may recover
     });
 }
 
 void SerialThread::endOutput()
 {
-    constexpr int rounds = 50; // a driver may hold the close all the same
+    constexpr int rounds = 50; // bounded: a driver may block in close even so
     for (int round = 0; round < rounds && cancelRunning(); ++round)
         KAV::Thread::sleep(20);
 }
@@ -125,8 +125,8 @@ KAV::Descriptor SerialThread::openOrEndProcess() const
 
 void SerialThread::configureLine(int port) const
 {
-    // Best effort: an old driver may refuse some of it, and the port still works. CLOCAL and CREAD stay as they are; a
-    // speed that the platform does not know leaves the line's own.
+    // Best effort: an old driver may reject some settings, and the port still works. CLOCAL and CREAD stay unchanged,
+    // and so does the speed if the platform does not support the requested one.
     termios line{};
     ::tcgetattr(port, &line);
     ::cfmakeraw(&line);

@@ -9,20 +9,20 @@
 
 class nmeaDataSubject;
 
-/// The serial consumer: opens one port, makes it a raw line, RS-485 or RS-232, and writes every accepted
-/// message to it. Once started it deletes itself when its body has ended (Observer).
+/// The serial consumer: opens one port in raw mode, RS-485 or RS-232, and writes every message to it. Once started it
+/// deletes itself when its body has ended (Observer).
 class SerialThread : public Observer {
 public:
     /// Starts the thread. The settings are bits of termios(3), as in RunSettings. Errors: as KAV::Thread::start.
-    /// A device that cannot be opened is an ERROR line and ends the whole process with status 1 (endProcess).
+    /// If the device cannot be opened, logs an ERROR line and ends the whole process with status 1 (endProcess).
     SerialThread(const std::string &_devicePath, speed_t _speed, std::int16_t _charSize, std::int16_t _parity,
                  std::int16_t _stopBits, tcflag_t _hwFlow, bool _rs485);
     ~SerialThread() override;
 
     void execute() override;
 
-    /// Ends the running serial consumer, if there is one, whatever it is blocked in. Returns once its port is closed,
-    /// or after a second. What the line has not taken is thrown away. Thread: main or the stop thread, at the end.
+    /// Cancels the running serial consumer, if any, and discards its pending output. Returns once the port is closed,
+    /// or after a second. Thread: main or the stop thread, at shutdown.
     static void endOutput();
 
 private:

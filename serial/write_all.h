@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-/// Writes `size` bytes from `data` to `descriptor`, in as many calls as it takes; a call that a signal
-/// interrupts is repeated. Returns the number of bytes written, which is less than `size` when a later call
-/// failed, or a negative value with `errno` set when the first one did. Blocks as long as the descriptor does.
+/// Writes `size` bytes from `data` to `descriptor`, in as many calls as necessary; calls interrupted by a signal are
+/// repeated. Returns the number of bytes written, less than `size` if a write failed after some bytes, or a negative
+/// value, with `errno` set, if it failed before any. Blocks as long as the descriptor does.
 [[nodiscard]] int write_all(int descriptor, const char *data, std::size_t size);

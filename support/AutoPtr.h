@@ -5,9 +5,9 @@
 
 namespace KAV {
 
-/// Owns one object made with `new`, or one array made with `new[]`, and releases it the same way.
+/// Owns an object created with `new` or an array created with `new[]`, and releases it accordingly.
 ///
-/// Thread: not synchronised; filled before the threads that use the object start.
+/// Thread: not synchronised; set before the threads that use the object start.
 template <typename T>
 class AutoPtr {
 public:
@@ -16,17 +16,17 @@ public:
     AutoPtr &operator=(const AutoPtr &) = delete;
     ~AutoPtr() { reset(nullptr, 0); }
 
-    /// Releases what is held so far and takes over a single object made with `new`.
+    /// Releases the current object and takes ownership of a single object created with `new`.
     AutoPtr &operator=(T *single)
     {
         reset(single, 0);
         return *this;
     }
 
-    /// Releases what is held so far and takes over an array made with `new[]`.
+    /// Releases the current object and takes ownership of an array created with `new[]`.
     void adoptArray(T *elements) { reset(elements, 1); }
 
-    /// The owned object; only when there is one.
+    /// The owned object. REQUIRES: there is one.
     T &operator*() const { return *pointer; }
     T *operator->() const { return pointer; }
 

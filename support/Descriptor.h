@@ -6,11 +6,11 @@ namespace KAV {
 
 /// Owns one file descriptor and closes it exactly once; the only place in the program that calls `close`.
 ///
-/// Thread: not synchronised; belongs to the body that opened the descriptor.
+/// Thread: not synchronised; used by the thread that opened the descriptor.
 class Descriptor {
 public:
     Descriptor() noexcept = default;
-    /// Takes over `owned`; a negative value (a failed call) means nothing is owned.
+    /// Takes ownership of `owned`; a negative value (a failed call) means nothing is owned.
     explicit Descriptor(int owned) noexcept : fd(owned) {}
     Descriptor(Descriptor &&from) noexcept : fd(from.release()) {}
     Descriptor &operator=(Descriptor &&from) noexcept
@@ -22,12 +22,12 @@ public:
     Descriptor &operator=(const Descriptor &) = delete;
     ~Descriptor() { reset(); }
 
-    /// The descriptor, or the negative value it was made with.
+    /// The descriptor, or the negative value it was constructed with.
     [[nodiscard]] int get() const noexcept { return fd; }
     [[nodiscard]] bool isOpen() const noexcept { return fd >= 0; }
-    /// Hands the descriptor to the caller, who closes it from now on.
+    /// Transfers ownership of the descriptor to the caller.
     [[nodiscard]] int release() noexcept { return std::exchange(fd, -1); }
-    /// Closes what is owned and takes over `next`. Leaves `errno` as it was.
+    /// Closes the owned descriptor and takes ownership of `next`. Preserves `errno`.
     void reset(int next = -1) noexcept;
 
 private:

@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-/// Lock rules that clang checks (-Wthread-safety, preset "clang"); other compilers ignore them.
+/// Lock annotations, checked by clang (-Wthread-safety, preset "clang"); other compilers ignore them.
 #if defined(__clang__)
 #define KAV_ANNOTATION(x) __attribute__((x))
 #else
@@ -17,9 +17,9 @@
 
 namespace KAV {
 
-/// A mutex, not recursive. Created with `new` and held by a KAV::AutoPtr<KAV::Lock>.
+/// A non-recursive mutex. Created with `new` and owned by a KAV::AutoPtr<KAV::Lock>.
 ///
-/// Thread: any. Take it through KAV::Hold, so that every way out of a scope releases it.
+/// Thread: any. Lock it through KAV::Hold, so that every exit from the scope releases it.
 class KAV_CAPABILITY("mutex") Lock {
 public:
     Lock() = default;
@@ -36,7 +36,7 @@ private:
     std::mutex mutex;
 };
 
-/// Owns a lock for the length of a scope: on return, on exception and on cancellation of the thread.
+/// Holds a lock until the end of the scope, by return, exception or thread cancellation.
 class KAV_SCOPED_CAPABILITY Hold {
 public:
     explicit Hold(Lock &lock) KAV_ACQUIRE(lock) : held(lock) { held.lock(); }

@@ -49,11 +49,11 @@ bool somebodyListensOn(const char *path, int socketType)
     std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path);
     if (!probe.isOpen())
         return false;
-    // EAGAIN: somebody listens and is busy.
+    // EAGAIN: there is a listener, but its queue is full.
     return ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN;
 }
 
-/// A buffer of the wanted size or, while memory is out, one that holds the beginning of the text.
+/// A buffer of the wanted size or, out of memory, a small one for the beginning of the text.
 class Room {
 public:
     explicit Room(std::size_t wanted)
@@ -70,8 +70,8 @@ private:
     std::size_t bytes;
 };
 
-/// The length in bytes of the character that `text` begins with, if a terminal may have it unchanged; otherwise 0. A
-/// lone CR may not pass: a peer's text could overwrite its own log line. REQUIRES: `text` is not empty.
+/// The length in bytes of the first character of `text` if it is safe for a terminal, otherwise 0. A lone CR is not: a
+/// peer's text could overwrite its own log line. REQUIRES: `text` is not empty.
 std::size_t harmlessLength(std::string_view text)
 {
     const auto at = [text](std::size_t index) { return static_cast<unsigned char>(text[index]); };
@@ -79,7 +79,7 @@ std::size_t harmlessLength(std::string_view text)
         const bool endOfLine = text[0] == '\n' || (text[0] == '\r' && text.substr(1, 1) == "\n");
         return (at(0) >= 0x20 && at(0) != 0x7f) || text[0] == '\t' || endOfLine ? 1 : 0;
     }
-    // UTF-8 (RFC 3629): the right length for the code, no surrogate, nothing beyond Unicode.
+    // UTF-8 (RFC 3629): no overlong forms, no surrogates, nothing beyond U+10FFFF.
     const std::size_t length = at(0) >= 0xf0 ? 4 : at(0) >= 0xe0 ? 3 : 2;
     constexpr std::array<std::uint32_t, 5> least{0, 0, 0xa0, 0x800, 0x10000}; // C1 controls are below 0xa0
     if (at(0) < 0xc2 || at(0) > 0xf4 || text.size() < length)
@@ -94,7 +94,7 @@ std::size_t harmlessLength(std::string_view text)
     return code >= least[length] && code <= 0x10ffff && !surrogate ? length : 0;
 }
 
-/// Copies `text` to `to` as far as there is room, with \xNN for what a terminal must not get. Returns the end.
+/// Copies as much of `text` to `to` as fits, escaping bytes that are unsafe for a terminal as \xNN. Returns the end.
 char *writeHarmless(std::string_view text, char *to, const char *end)
 {
     constexpr std::size_t escaped = sizeof "\\xNN" - 1;
@@ -120,8 +120,8 @@ int priorityOf(int level)
     return level <= Logger::PrintLevel::INFO_LEVEL ? LOG_INFO : LOG_DEBUG;
 }
 
-/// Standard error, without blocking. On a terminal or a pipe a write may block although poll(2) reported room, and
-/// O_NONBLOCK on the shared description would affect other processes: so these are opened anew for each line.
+/// Standard error, without blocking. A write to a terminal or pipe may block even after poll(2) reported room, and
+/// O_NONBLOCK on the shared file description would affect other processes: so these are reopened for each line.
 class LogStream {
 public:
     LogStream() : own(isTerminalOrPipe() ? ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC) : -1)
@@ -139,7 +139,7 @@ private:
     const Descriptor own;
 };
 
-/// Waits until `stream` takes bytes; false when `deadline` comes first.
+/// Waits until `stream` is writable; false when `deadline` passes first.
 bool isWritable(int stream, std::chrono::steady_clock::time_point deadline)
 {
     pollfd reader{stream, POLLOUT, 0};
@@ -152,13 +152,13 @@ bool isWritable(int stream, std::chrono::steady_clock::time_point deadline)
     return ready > 0;
 }
 
-/// Writes whole lines: the lock keeps threads apart, since a pipe does so only up to PIPE_BUF bytes (pipe(7)). When the
-/// reader takes nothing, the line is lost, and later ones are not waited for until it reads again.
+/// Writes whole lines; needs a lock, since pipe writes are atomic only up to PIPE_BUF bytes (pipe(7)). If the reader
+/// stalls, the line is lost, and later lines do not wait until it reads again.
 void writeToStderr(std::string_view line)
 {
     constexpr std::chrono::milliseconds patience{100};
     static constinit bool stalled = false;
-    static constinit bool cut = false; ///< the last line went out without its end
+    static constinit bool cut = false; ///< the last line was written without its end
     const std::lock_guard alone(stderrLock);
     const LogStream stream;
     const auto deadline = std::chrono::steady_clock::now() + (stalled ? std::chrono::milliseconds{0} : patience);
@@ -219,7 +219,7 @@ bool Logger::setup(const PrintMode &mode, const std::string &identity, const int
         if (!somebodyListensOn(_PATH_LOG, SOCK_DGRAM) && !somebodyListensOn(_PATH_LOG, SOCK_STREAM))
             return false;
         std::snprintf(state.identity, sizeof state.identity, "%s", identity.c_str());
-        ::openlog(state.identity, option, facility != 0 ? facility : LOG_DAEMON); // 0 would be the kernel's
+        ::openlog(state.identity, option, facility != 0 ? facility : LOG_DAEMON); // 0 is LOG_KERN
     }
     state.mode = mode;
     return true;

@@ -9,22 +9,22 @@ namespace KAV {
 
 /// The process-wide log; static operations only.
 ///
-/// Thread: `setup` and `setPrintLevel` belong to the main thread before any other thread starts; the rest may
-/// be called from any thread at any time, also while the process exits. Errors: a message that cannot be
-/// delivered is lost; nothing is thrown. Every operation leaves `errno` as it was.
+/// Thread: `setup` and `setPrintLevel`: main, before any other thread starts; the rest: any thread at any time, even
+/// while the process exits. Errors: a message that cannot be delivered is lost; nothing is thrown. All operations
+/// preserve `errno`.
 class Logger {
 public:
     Logger() = delete;
 
     /// Where messages go.
     enum PrintMode {
-        PRINT_CONSOLE = 1, ///< standard error, for when there is no system log
+        PRINT_CONSOLE = 1, ///< standard error, because there is no system log
         PRINT_SYSLOG = 3,  ///< the system log (syslog(3))
-        PRINT_STDERR = 6,  ///< standard error, as the user asked
+        PRINT_STDERR = 6,  ///< standard error, at the user's request
     };
 
-    /// Levels on the scale of the threshold (1 to 100; a level passes when it is not above the threshold), and
-    /// the labels that belong to them.
+    /// Levels, on the scale of the threshold (1 to 100; a level passes if it is not above the threshold), and their
+    /// labels.
     struct PrintLevel {
         static constexpr std::int32_t ERROR_LEVEL = 10;
         static constexpr std::int32_t INFO_LEVEL = 30;
@@ -34,12 +34,11 @@ public:
         static constexpr const char *DEBUG_LABEL = "DEBUG";
     };
 
-    /// Selects a destination that needs no set-up.
+    /// Selects a destination that needs no setup.
     static void setup(const PrintMode &mode);
 
-    /// Selects `mode`; for the system log with the three arguments of openlog(3), `identity` being copied and
-    /// `facility` 0 meaning none given, which is LOG_DAEMON.
-    /// False, with nothing changed, when nobody listens on the system log's socket.
+    /// Selects `mode`, for the system log with the arguments of openlog(3): `identity` is copied, and `facility` 0
+    /// selects LOG_DAEMON. False, with nothing changed, when nothing listens on the system log's socket.
     static bool setup(const PrintMode &mode, const std::string &identity, const int &option, const int &facility);
 
     /// Sets the threshold. The flag is reserved and has no effect.
@@ -48,20 +47,18 @@ public:
     /// True when a message of this level passes the threshold.
     [[nodiscard]] static bool isPrintable(int level);
 
-    /// Emits one message, whole, at this level's severity. Line ends at the end of the text are replaced by exactly
-    /// one. LF, TAB, a CR in front of an LF and every valid UTF-8 character that is no control code pass as they are;
-    /// any other byte appears as \xNN. The caller has asked `isPrintable`.
-    /// While memory is out a long message goes out cut.
+    /// Emits one message, in one piece, at this level's severity. Trailing line ends are replaced by exactly one. LF,
+    /// TAB, a CR before an LF and valid UTF-8 characters other than control codes pass unchanged; any other byte is
+    /// escaped as \xNN. Out of memory, a long message is truncated. REQUIRES: `isPrintable(level)`.
     [[gnu::format(printf, 3, 4)]] static void printfGeneric(int level, const char *label, const char *format, ...);
 
-    /// Emits one message as an error, whatever the threshold.
+    /// Emits one message as an error, regardless of the threshold.
     [[gnu::format(printf, 1, 2)]] static void printfError(const char *format, ...);
 };
 
 } // namespace KAV
 
-/// Logs at ERROR, INFO or DEBUG: KAV_LOG(ERROR, "format", values...). The values are computed only when the level
-/// passes.
+/// Logs at ERROR, INFO or DEBUG: KAV_LOG(ERROR, "format", values...). Evaluates the values only if the level passes.
 #define KAV_LOG(LEVEL, ...)                                                                                            \
     do {                                                                                                               \
         if (KAV::Logger::isPrintable(KAV::Logger::PrintLevel::LEVEL##_LEVEL))                                          \
@@ -69,6 +66,6 @@ public:
                                        __VA_ARGS__);                                                                   \
     } while (false)
 
-/// Logs a failed call at ERROR level; the last two values of the format, %d and %s, are `errno` and its meaning:
+/// Logs a failed call at ERROR level; the last two values of the format, %d and %s, are `errno` and its text:
 /// KAV_LOG_ERRNO("connect() failed with error code: %d : %s\n").
 #define KAV_LOG_ERRNO(...) KAV_LOG(ERROR, __VA_ARGS__, errno, std::strerror(errno))

@@ -13,12 +13,12 @@ namespace KAV {
 
 namespace {
 
-/// With the default of 8 MiB a 32-bit process runs out of addresses at a few hundred threads.
+/// With the default of 8 MiB, a few hundred threads would exhaust a 32-bit address space.
 constexpr std::size_t stackBytes = std::size_t{KAV_THREAD_STACK_KIB} * 1024;
 
 constexpr std::array mainThreadSignals{SIGINT, SIGHUP, SIGPIPE, SIGALRM};
 
-/// Blocks the main thread's signals until the end of the scope; a thread created meanwhile inherits the mask.
+/// Blocks the main thread's signals until the end of the scope; threads created within inherit the mask.
 class SignalsBlocked {
 public:
     SignalsBlocked()
@@ -39,7 +39,7 @@ private:
 
 } // namespace
 
-/// Records the end of the body, on return and on cancellation, and whether the library is to delete the object.
+/// Records the end of the body, by return or cancellation, and whether the library must delete the object.
 class Thread::BodyScope {
 public:
     BodyScope(Thread &_thread, bool &_libraryDeletes) : thread(_thread), libraryDeletes(_libraryDeletes) {}
@@ -71,7 +71,7 @@ void Thread::start()
 {
     int error = 0;
     {
-        // Held until the members are set: the new thread waits for it, and may delete the object soon after.
+        // Held until the members are set: the new thread waits for the lock and may then delete the object.
         const std::lock_guard hold(state);
         error = create();
         running = error == 0;
@@ -149,7 +149,7 @@ bool Thread::isAlive() const
     return running;
 }
 
-// Most bodies are cancelled here. The address sanitizer does not see that unwinding and would keep this frame poisoned.
+// Most bodies are cancelled here. AddressSanitizer does not track that unwinding and would leave this frame poisoned.
 [[gnu::no_sanitize_address]] void Thread::sleep(unsigned int milliseconds)
 {
     timespec left{static_cast<time_t>(milliseconds / 1000), static_cast<long>(milliseconds % 1000) * 1'000'000L};

@@ -12,12 +12,12 @@
 
 namespace KAV {
 
-/// The base of every worker: one operating-system thread per object, which runs the virtual body `execute`.
+/// Base of every worker: one operating-system thread per object, which runs the virtual body `execute`.
 ///
-/// A worker's constructor calls `start` as its last step, so that the body never sees a half-built object; its
-/// destructor calls `stop` when `isAlive`, before anything that the body uses goes away.
+/// A worker's constructor calls `start` as its last step, so that the body never sees a partly constructed object; its
+/// destructor calls `stop` if `isAlive`, before anything that the body uses is destroyed.
 ///
-/// SIGINT, SIGHUP, SIGPIPE and SIGALRM are blocked on the new thread: they belong to the main thread.
+/// SIGINT, SIGHUP, SIGPIPE and SIGALRM are blocked on the new thread; the main thread handles them.
 /// Cancellation (`stop`, `cancel`) takes effect at the cancellation points of pthreads(7); bodies block in nothing
 /// else.
 class Thread {
@@ -25,29 +25,27 @@ public:
     Thread(const Thread &) = delete;
     Thread &operator=(const Thread &) = delete;
 
-    /// Releases what the library holds. REQUIRES: the body does not run.
+    /// Joins the thread if necessary. REQUIRES: the body is not running.
     virtual ~Thread();
 
     /// Creates the thread. REQUIRES: not started before.
     ///
-    /// Errors: std::system_error when the thread cannot be created, like std::thread: `start` is called from
-    /// constructors, which have no result, and an object whose body will never run must not come into being.
-    /// KAV::startWorker turns that into an ERROR line.
+    /// Errors: std::system_error when the thread cannot be created, like std::thread: constructors call `start` and
+    /// have no other way to fail. KAV::startWorker turns it into an ERROR line.
     virtual void start();
 
-    /// Ends the thread, whatever its body is blocked in, and returns once the body no longer runs. At once when
-    /// it does not. Called from the destructors of derived classes: from here on the caller destroys the
-    /// object.
+    /// Cancels the thread and waits until the body has ended; returns at once if it is not running. Called from the
+    /// destructors of derived classes: from here on the caller destroys the object.
     virtual void stop();
 
     /// The body.
     virtual void execute() = 0;
 
-    /// Cancels the body without waiting for its end. An object that the library owns is not deleted then, so this is
-    /// for the end of the process. REQUIRES: the object exists; one that the library owns does while its body runs.
+    /// Cancels the body without waiting. The library does not delete an object that it owns after that, so this is for
+    /// shutdown only. REQUIRES: the object exists; one owned by the library exists while its body runs.
     void cancel();
 
-    /// Blocks until the body has returned; at once when it already has.
+    /// Blocks until the body has ended.
     void wait();
 
     /// True from `start` until the body has returned.
@@ -58,9 +56,8 @@ public:
 
 protected:
     /// `_name` appears in log lines and, without a leading "navtwine " and cut to 15 bytes, in `top -H`.
-    /// `_ownerDeletes` true: whoever made the object waits for it and deletes it. False: once started, the
-    /// object belongs to the library, which deletes it on its own thread as soon as the body has returned;
-    /// nobody else may touch it after that.
+    /// `_ownerDeletes` true: the creator waits for the object and deletes it. False: once started, the library owns
+    /// the object and deletes it on its own thread as soon as the body has returned; nothing else may access it.
     Thread(const std::string &_name, bool _ownerDeletes);
 
 private:
@@ -73,16 +70,16 @@ private:
     const std::string name;
     const bool ownerDeletes;
     pthread_t handle{};
-    bool joinable = false; ///< pthread_join is still to be called
+    bool joinable = false; ///< pthread_join is still due
 
-    mutable std::mutex state; ///< guards the members below; held for their changes only
+    mutable std::mutex state; ///< guards the members below
     std::condition_variable ended;
     bool running = false;
-    bool stopping = false; ///< a caller of `stop` destroys the object, so the library must not
+    bool stopping = false; ///< the caller of `stop` destroys the object, so the library must not
 };
 
-/// Makes a worker, whose constructor starts its thread. Null, after an ERROR line, when the thread could not be
-/// created or memory is out; the rest of the program goes on. Who deletes the worker: see Thread.
+/// Creates a worker, whose constructor starts its thread. Null, after an ERROR line, if the thread cannot be created
+/// or memory is exhausted; the rest of the program continues. Ownership: see Thread.
 template <typename Worker, typename... Arguments>
 [[nodiscard]] Worker *startWorker(Arguments &&...arguments)
 {

@@ -9,7 +9,7 @@ namespace {
 
 constinit std::atomic<int> event{-1};
 using Act = void (*)();
-constinit Act lastAct = nullptr; ///< written before any thread starts that may end the process
+constinit Act lastAct = nullptr; ///< set before any thread that may end the process starts
 
 } // namespace
 
@@ -31,7 +31,7 @@ void beforeProcessEnds(void (*act)()) { lastAct = act; }
 
 void endProcess(int status)
 {
-    const KAV::CancelShield shield; // nobody may stop this end half-way
+    const KAV::CancelShield shield; // a cancellation must not interrupt this
     if (lastAct != nullptr)
         lastAct();
     ::_exit(status);

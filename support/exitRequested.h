@@ -9,21 +9,21 @@ extern std::atomic<int> exitRequested;
 
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes this flag");
 
-/// Sets `exitRequested` and wakes those who wait for it or for `exitEvent`.
+/// Sets `exitRequested` and wakes all waiters on it and on `exitEvent`.
 ///
 /// Async-signal-safe: `notify_all` of a lock-free atomic is (C++20, [support.signal]; in libstdc++ 12 on amd64 and
 /// armhf it is atomic operations and one futex(2) call), and so is eventfd_write(3).
 void requestExit();
 
-/// Creates the eventfd behind `exitEvent`; it is never closed. Thread: main, before any other starts.
+/// Creates the eventfd behind `exitEvent`; never closed. Thread: main, before any other starts.
 void createExitEvent();
 
-/// A descriptor for poll(2), readable from the exit request on; -1, which poll ignores, when it could not be created.
+/// A descriptor for poll(2) that becomes readable on the exit request; -1, which poll ignores, if creating it failed.
 int exitEvent();
 
-/// Sets what `endProcess` does first, on the thread that calls it. Thread: main, before any other starts.
+/// Sets the function that `endProcess` calls first. Thread: main, before any other starts.
 void beforeProcessEnds(void (*act)());
 
-/// Ends the process at once with `status`, without the clean-up that would destroy what other threads still use
-/// (_exit(2)). Any thread.
+/// Ends the process immediately with `status` (_exit(2)): destructors would destroy objects that other threads still
+/// use. Any thread.
 [[noreturn]] void endProcess(int status);

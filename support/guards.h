@@ -6,7 +6,7 @@
 
 namespace KAV {
 
-/// Restores `errno` at the end of the scope: reporting an error must not change the error.
+/// Restores `errno` at the end of the scope: reporting an error must not change it.
 class ErrnoKeeper {
 public:
     ErrnoKeeper() noexcept : saved(errno) {}
@@ -18,10 +18,10 @@ private:
     const int saved;
 };
 
-/// Holds off a cancellation of the calling thread until the end of the scope.
+/// Defers cancellation of the calling thread until after the scope.
 ///
-/// For calls that are cancellation points (pthreads(7)) but must not be cut short: a log line, and `close` in a
-/// destructor, where the unwinding of a cancelled thread would end the process.
+/// For cancellation points (pthreads(7)) that must not be interrupted: writing a log line, and `close` in a destructor,
+/// where the unwinding of a cancelled thread would terminate the process.
 class CancelShield {
 public:
     CancelShield() noexcept { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before); }
@@ -33,9 +33,8 @@ private:
     int before = PTHREAD_CANCEL_ENABLE;
 };
 
-/// Runs `work`; false when memory ran out on the way. What `work` had built until then is destroyed.
-///
-/// Only std::bad_alloc is caught: other exceptions, and the unwinding of a cancelled thread, pass through.
+/// Runs `work`; false if it ran out of memory. Only std::bad_alloc is caught: other exceptions, and the unwinding of a
+/// cancelled thread, pass through.
 template <typename Work>
 [[nodiscard]] bool ifMemoryAllows(const Work &work)
 {

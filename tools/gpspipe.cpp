@@ -1,8 +1,8 @@
-/// A stand-in for gpsd's gpspipe on machines without a receiver: prints what `gpspipe -r` prints behind gpsd
-/// with a multi-constellation receiver on a boat under way, ten sentences a second, line by line.
+/// Stand-in for gpsd's gpspipe on machines without a receiver: prints what `gpspipe -r` prints for a
+/// multi-constellation receiver on a boat under way, ten sentences a second, line by line.
 ///
-/// Options as gpspipe's own: -r (needed), -t, -n COUNT (lines). For benchmarks, from the environment:
-/// GPSPIPE_RATE, epochs a second (default 1, 0: without a pause), and GPSPIPE_EPOCHS (default: for ever).
+/// Options of gpspipe: -r (required), -t, -n COUNT (lines). For benchmarks, from the environment: GPSPIPE_RATE, epochs
+/// per second (default 1, 0: without a pause), and GPSPIPE_EPOCHS (default: unlimited).
 
 #include <chrono>
 #include <cmath>
@@ -21,7 +21,7 @@ struct Options {
     bool timestamps = false;
     long lines = -1;  ///< left to print, negative: no limit
     long epochs = -1; ///< left to print, negative: no limit
-    double rate = 1;  ///< epochs a second
+    double rate = 1;  ///< epochs per second
 };
 
 struct Fix {
@@ -65,7 +65,7 @@ class Printer {
 public:
     explicit Printer(const Options &options) : timestamps(options.timestamps), left(options.lines) {}
 
-    /// Prints one line at once; ends the program when that was the last one, or when nobody reads any more.
+    /// Prints and flushes one line; ends the program when the line count is used up or the pipe is closed.
     void line(const std::string &text)
     {
         if (left == 0)
@@ -107,7 +107,7 @@ private:
     long left;
 };
 
-/// Degrees as NMEA writes them: degrees and minutes, "5332.1234".
+/// Degrees in NMEA format: degrees and minutes, "5332.1234".
 std::string nmeaAngle(double degrees, int degreeDigits)
 {
     const int whole = static_cast<int>(degrees);
