@@ -16,7 +16,9 @@ NAVTWINE = shlex.split(os.environ.get("NAVTWINE", ""))  # an emulator may stand 
 FAULTY = shlex.split(os.environ.get("FAULTY_NAVTWINE", ""))  # tools/faultyCalls.cpp
 EMULATED = len(NAVTWINE) > 1
 SERVER = "--server --server-port $PORT -e --interval 1 --gga "
-TO_COLLECTOR = " --client --client-remote-host 127.0.0.1 --client-port "
+TO_COLLECTOR = "--client --client-remote-host 127.0.0.1 --client-port $COLLECTOR "
+ALL = SERVER + TO_COLLECTOR + "--serial $LINE "
+REPEAT = "while echo '$GPGGA,1'; do sleep 0.2; done"
 
 
 # Waits for something true, which it returns; the limit is generous, since machines under test are busy.
@@ -33,24 +35,6 @@ def runs(process):
     return file.exists() and file.read_bytes() != b""
 
 
-# "server-thr: accept4 2 EINTR EAGAIN": in the thread whose name has "server-thr" in it, accept4 goes well twice, then
-# fails with EINTR and at once again with EAGAIN; SHORT is a short count. The result is what faulty_navtwine takes.
-def faults_of(words):
-    faults = []
-    thread, call, after = "", "", 0
-    for word in words.split():
-        if word.endswith(":"):
-            thread = word[:-1]
-        elif word.isupper():
-            faults.append(f"{thread}|{call}|{after}|{getattr(errno, word, 0)}")
-            after = 0
-        elif word.lstrip("-").isdigit():
-            after = int(word)
-        else:
-            call = word
-    return faults
-
-
 # One end of a connection; what is read has a character a byte.
 class Peer:
     def __init__(self, stream):
@@ -58,10 +42,7 @@ class Peer:
         self.closed = False
 
     def send(self, text):
-        try:
-            os.write(self.stream.fileno(), text.encode("latin-1"))
-        except OSError:
-            pass  # the other side may be gone already: what comes back decides
+        self.stream.sendall(text.encode("latin-1"))
 
     # Reads until the text has come, the peer closes, or the limit is over.
     def read_until(self, text, limit=30.0):
@@ -81,27 +62,9 @@ class Peer:
         return text in self.read_until(text)
 
 
-class Collector:
-    def __init__(self):
-        self.stream = socket.create_server(("127.0.0.1", 0))
-        self.stream.settimeout(30)
-        self.number = self.stream.getsockname()[1]
-
-    def accept(self, first=""):
-        session = Peer(self.stream.accept()[0])
-        session.send(first)
-        return session
-
-
-# The far end of a serial line.
-class SerialLine(Peer):
-    def __init__(self):
-        master, self.port = pty.openpty()
-        super().__init__(os.fdopen(master, "rb", buffering=0))
-        self.device = os.ttyname(self.port)
-
-
-# The program. Its standard output and standard error are one text, which pytest shows when a test fails.
+# The program, or the one with the faults. Its standard output and standard error are one text, which pytest shows when
+# a test fails. Its arguments may have $PORT in them, a port to listen on; $COLLECTOR, the port of an uplink's other
+# side; and $LINE, a pseudo-terminal, whose far end is `line`.
 class Program:
     def __init__(self, arguments, gpspipe="exec sleep 1000", faults=None, before=":"):
         self.temporary = tempfile.TemporaryDirectory(prefix="navtwine-test-", ignore_cleanup_errors=True)
@@ -113,11 +76,17 @@ class Program:
         self.reserved.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self.reserved.bind(("127.0.0.1", 0))
         self.port = self.reserved.getsockname()[1]
-        self.clients = []
+        self.collector = socket.create_server(("127.0.0.1", 0))
+        self.collector.settimeout(30)
+        master, self.line_port = pty.openpty()
+        self.line = Peer(os.fdopen(master, "rb", buffering=0))
+        self.device = os.ttyname(self.line_port)
+        self.peers = []
         self.last = "INFO: execution complete\n"  # which the forced end after five seconds does not say
+        numbers = re.sub("[A-Z]+", lambda name: str(getattr(errno, name[0], 0)), faults or "")
+        environment = dict(os.environ, PATH=f"{self.folder}:{os.environ['PATH']}", PORT=str(self.port), FAULTS=numbers,
+                           COLLECTOR=str(self.collector.getsockname()[1]), LINE=self.device)
         words = shlex.join(NAVTWINE if faults is None else FAULTY)
-        environment = dict(os.environ, PATH=f"{self.folder}:{os.environ['PATH']}", PORT=str(self.port),
-                           FAULT=",".join(faults_of(faults or "")))
         self.touch("output")
         self.process = subprocess.Popen(["/bin/sh", "-c", f"exec </dev/null >>output 2>&1; {before}; exec {words} "
                                          + arguments], cwd=self.folder, env=environment)
@@ -156,11 +125,17 @@ class Program:
     def connect(self, first=""):
         client = Peer(socket.socket())
         assert eventually(lambda: client.stream.connect_ex(("127.0.0.1", self.port)) == 0)
-        self.clients.append(client)
+        self.peers.append(client)
         if first:
             client.read_until("PASSWORD\r\n")
             client.send(first)
         return client
+
+    # The next session of the uplink.
+    def accept(self, first=""):
+        self.peers.append(Peer(self.collector.accept()[0]))
+        self.peers[-1].send(first)
+        return self.peers[-1]
 
     def touch(self, file):
         (self.folder / file).touch()

@@ -2,32 +2,32 @@
 import os
 import termios
 import time
+from pathlib import Path
 
 import pytest
-from harness import Program, SerialLine, runs
+from harness import REPEAT, SERVER, Program, runs
 
 FLOOD = "exec yes \"$(printf '$GPGGA,%0480d' 0)\""
 
 
-@pytest.mark.parametrize("gpspipe, arguments, hard", (
-    ("exec sleep 1000", " -e", False),
-    (FLOOD, " -e", False),
-    (FLOOD, " --server --server-port $PORT", True),  # after five seconds: a stalled system log holds the server
+# EAGAIN: the system log's socket is there, and busy.
+@pytest.mark.parametrize("gpspipe, arguments, faults", (
+    ("exec sleep 1000", SERVER, ""),
+    (FLOOD, SERVER, ""),
+    (FLOOD, SERVER.replace("-e ", ""), "navtwine:connect:0:EAGAIN"),
 ), ids=("idle", "blocked", "blockedAndHard"))
-def test_end_empties_the_line(gpspipe, arguments, hard):
-    line = SerialLine()  # that nobody reads
-    with Program(f"--interval 1 --gga --serial {line.device}{arguments}", gpspipe,
-                 "navtwine: connect EAGAIN") as program:  # EAGAIN: a busy log socket is there
+def test_end_empties_the_line(gpspipe, arguments, faults):
+    with Program(arguments + "--serial $LINE", gpspipe, faults) as program:
         assert program.says("RS485 configurating error. errno:")
-        termios.tcflow(line.port, termios.TCOOFF)
+        termios.tcflow(program.line_port, termios.TCOOFF)
         time.sleep(2.5)  # the thread looks once a second, and is blocked with the next batch
-        if hard:
+        if faults:  # after five seconds: the stalled log holds the server
             program.last = f"[tcflush {termios.TCOFLUSH}]\n"
             program.touch("stalled-log")
             program.connect()
-        program.interrupt(9 if hard else 4.5)
+        program.interrupt(9 if faults else 4.5)
         assert f"[tcflush {termios.TCOFLUSH}]\n" in program.output()
-        assert ("execution complete" in program.output()) != hard
+        assert ("execution complete" in program.output()) != bool(faults)
         assert ("INFO: Serial stop\n" in program.output()) == (gpspipe != FLOOD)
         assert not runs(program.gpspipe())
 
@@ -39,22 +39,21 @@ def test_end_empties_the_line(gpspipe, arguments, hard):
 ), ids=("rs485", "rs232"))
 # Of what the port's last user has left behind only what the driver decides stays.
 def test_settings_are_those_of_the_command_line(arguments, mode, speed, told, kept):
-    line = SerialLine()
     chosen = termios.PARODD | termios.CSTOPB | termios.CRTSCTS
-    found = termios.tcgetattr(line.port)
-    found[2] ^= chosen
-    termios.tcsetattr(line.port, termios.TCSANOW, found)
-    with Program(f"-e --loglevel 50 --interval 1 --gga --serial {line.device} {arguments}",
-                 "while echo '$GPGGA,1'; do sleep 0.2; done", "") as program:
-        assert line.read_until("\n").startswith("$GPGGA,1\n"), "raw: no CR comes in between"
+    with Program(f"-e --loglevel 50 --interval 1 --gga --serial $LINE {arguments}", REPEAT, "",
+                 "until [ -e go ]; do sleep 0.1; done") as program:
+        found = termios.tcgetattr(program.line_port)
+        found[2] ^= chosen
+        termios.tcsetattr(program.line_port, termios.TCSANOW, found)
+        program.touch("go")
+        assert program.line.read_until("\n").startswith("$GPGGA,1\n"), "raw: no CR comes in between"
         assert program.says("DEBUG: serial:$GPGGA,1\n")
         assert f"INFO: serial port opened\n{told}[tcflush 2]\n{mode}" in program.output()
-        found = termios.tcgetattr(line.port)
+        found = termios.tcgetattr(program.line_port)
         assert found[2] & (chosen | termios.CLOCAL) == kept
         assert found[4:6] == [speed, speed]
-        number, = (number for number, file in program.descriptors().items() if file == line.device)
-        with open(f"/proc/{program.process.pid}/fdinfo/{number}") as info:
-            flags = int(next(text.split()[1] for text in info if text.startswith("flags:")), 8)
+        number, = (number for number, file in program.descriptors().items() if file == program.device)
+        flags = int(Path(f"/proc/{program.process.pid}/fdinfo/{number}").read_text().split()[3], 8)
         assert flags & (os.O_NONBLOCK | os.O_CLOEXEC) == os.O_CLOEXEC
-        line.stream.close()
+        program.line.stream.close()
         assert program.says("ERROR: serial write() of [NMEA STRING DATA] failed : error code = 5 : Input/output")

@@ -1,9 +1,10 @@
 // A navtwine for tests, whose clock runs ten times as fast and whose system calls fail on request: the linker puts
 // these functions in front of the C library's (option --wrap).
 //
-// The environment's FAULT names what fails: "THREAD|CALL|AFTER|ERRNO", several with a comma between. CALL fails once in
-// the threads with THREAD in their names, after AFTER calls that go well; with a short count when ERRNO is 0. Several
-// faults of one call come in turn. AFTER -1: CALL fails as long as there is a file "failing" in the current folder.
+// The environment's FAULTS names what fails, as THREAD:CALL:AFTER:ERRNO with spaces between. CALL fails once in the
+// threads with THREAD in their names, after AFTER calls that succeed; with errno 0 it takes half of what it is given.
+// Several faults of one call come in turn. AFTER -1: it fails as long as there is a file "failing" in the current
+// folder.
 
 #include <algorithm>
 #include <array>
@@ -17,7 +18,6 @@
 #include <pthread.h>
 #include <string_view>
 #include <termios.h>
-#include <thread>
 #include <unistd.h>
 
 using namespace std::chrono_literals;
@@ -33,12 +33,11 @@ static std::array<Fault, 64> faults;
 [[gnu::constructor]] static void readFaults()
 {
     ::pthread_setname_np(::pthread_self(), "faulty_navtwine"); // which would be an emulator's name otherwise
-    const char *text = std::getenv("FAULT");
-    for (auto row = faults.begin(); text != nullptr && row != faults.end(); ++row) {
-        std::sscanf(text, "%15[^|]|%31[^|]|%d|%d", row->thread, row->call, &row->after, &row->error);
-        text = std::strchr(text, ',');
-        text += text != nullptr ? 1 : 0;
-    }
+    const char *text = std::getenv("FAULTS");
+    int length = 0;
+    for (Fault &row : faults)
+        if (std::sscanf(text, " %15[^:]:%31[^:]:%d:%d%n", row.thread, row.call, &row.after, &row.error, &length) == 4)
+            text += length;
 }
 
 /// Whether this call of `symbol` is to fail; `errno` then says how.
@@ -115,10 +114,13 @@ static Word failureOf(std::string_view symbol)
     extern "C" Word __wrap_##symbol(Word a, Word b, Word c, Word d, Word e, Word f, Word g)                            \
     {                                                                                                                  \
         tell(#symbol, b, c, d);                                                                                        \
-        const bool faulty = !isLoggers(#symbol, a) && fails(#symbol);                                                  \
+        const bool ofLogger = isLoggers(#symbol, a);                                                                   \
+        const bool faulty = !ofLogger && fails(#symbol);                                                               \
         if (faulty && errno != 0)                                                                                      \
             return failureOf(#symbol);                                                                                 \
-        return __real_##symbol(a, b, faulty ? c / 2 : c, d, e, f, g); /* the size, where there is one */               \
+        const Word result = __real_##symbol(a, b, faulty ? c / 2 : c, d, e, f, g); /* the size, where there is one */  \
+        errno = ofLogger ? EDOM : errno; /* which the logger is to give back as it was */                              \
+        return result;                                                                                                 \
     }
 #include "failingCalls.h" // made of the list in CMakeLists.txt
 
@@ -131,7 +133,7 @@ extern "C" void __wrap_openlog(const char *identity, int, int facility)
 extern "C" void __wrap_syslog(int priority, const char *, int size, const char *text)
 {
     while (::access("stalled-log", F_OK) == 0)
-        std::this_thread::sleep_for(10ms);
+        ::usleep(10'000);
     ::dprintf(STDERR_FILENO, "[syslog %d]%.*s\n", priority, size, text);
 }
 /// What `syslog` is called where functions are fortified.
