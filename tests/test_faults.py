@@ -35,7 +35,7 @@ ROWS = (
         "gethostbyname2_r() failed with error code: ", "connect_to_host() : socket() failed with error code: 24 : ",
         "connect() failed with error code: 111 : Connection refused\nERROR: connect_to_host() failed. (see error "
         "message above for reason) : retrying login in 30000 ms", "[PASSWORD PROMPT] message\n",
-        "[PASSWORD OK] message\n", "[PASSWORD SECRET] failed : error code = 32 : ", "[NMEA STRING DATA] failed : error code = 11 : ")),
+        "[PASSWORD OK] message\n", "[PASSWORD SECRET] failed : error code = 32 : ", "DATA] failed : error code = 11 ")),
     ("threads", "uplink serial", """
         navtwine:pthread_create:2:EAGAIN navtwine:pthread_create:0:EAGAIN navtwine:pthread_create:0:EAGAIN""", (
         "'navtwine main client-thread': ", "'navtwine main serial-thread': ", "'navtwine stop-thread': ")),

@@ -121,8 +121,8 @@ TEST(handleNMEAString, decoratesGathersAndGates)
     filterOf(SentenceType::GSV) = {true, 0};
     EXPECT_EQ(passed({"$GPGSV,2,1,c\n", "$GPGSV,2,2,d\n"}, 1000), "X-7$GPGSV,2,1,c\nX-7$GPGSV,2,2,d\n");
     EXPECT_EQ(passed({"$GPGSV,2,1,e\n", "$GPGSV,2,2,f\n"}, 1000), "") << "a group that is not due is dropped whole";
-    EXPECT_EQ(passed({"$GPGSV,1,1", "$GPGSV,2,02,g"}, 1), "") << "neither ends a group";
-    EXPECT_EQ(passed({"$GPGSV,2,2,h"}, 1), "X-7$GPGSV,1,1X-7$GPGSV,2,02,gX-7$GPGSV,2,2,h");
+    EXPECT_EQ(passed({"$GPGSV,1,1", "$GPGSV,02,2,g"}, 1), "") << "neither ends a group";
+    EXPECT_EQ(passed({"$GPGSV,2,2,h"}, 1), "X-7$GPGSV,1,1X-7$GPGSV,02,2,gX-7$GPGSV,2,2,h");
     for (std::size_t size = 0; size < 256UL * 1024; size += std::string_view("X-7$GPGSV,9,1,x").size())
         handleNMEAString("$GPGSV,9,1,x", 1, &id);
     EXPECT_LT(passed({"$GPGSV,9,9,y"}, 1).size(), 40) << "a group that grows without end is dropped";
