@@ -1,6 +1,7 @@
 #include "app/StopThread.h"
 
 #include "nmea/gpspipe.h"
+#include "nmea/nmeaDataSubject.h"
 #include "serial/SerialThread.h"
 #include "support/exitRequested.h"
 
@@ -22,6 +23,7 @@ StopThread::~StopThread()
 void StopThread::execute()
 {
     exitRequested.wait(0); // blocks until SIGINT; polling would wake an idle process
+    nmeaDataSubject::getInstance()->wakeAll();
     for (int passed = 0; passed < patience; ++passed) {
         endGpspipe();
         KAV::Thread::sleep(step);

@@ -1,5 +1,6 @@
 #include "app/commandLine.h"
 
+#include "nmea/Observer.h"
 #include "nmea/sentence.h"
 #include "support/Logger.h"
 #include "support/wipe_string.h"
@@ -154,6 +155,12 @@ void setSwitch(RunSettings & /*settings*/, char * /*value*/)
     filterOf(type).enabled = on;
 }
 
+template <bool on>
+void setImmediate(RunSettings & /*settings*/, char * /*value*/)
+{
+    immediateDelivery = on;
+}
+
 struct Option {
     std::string_view name;
     bool takesValue; ///< the next argument, whatever it looks like; if there is none, the option is ignored
@@ -201,6 +208,8 @@ constexpr std::array options{
     Option{"--no-gsv", false, setSwitch<SentenceType::GSV, false>},
     Option{"--vtg", false, setSwitch<SentenceType::VTG, true>},
     Option{"--no-vtg", false, setSwitch<SentenceType::VTG, false>},
+    Option{"--immediate", false, setImmediate<true>},
+    Option{"--no-immediate", false, setImmediate<false>},
     Option{"--daemonize", false, setFlag<&RunSettings::daemonize, true>},
     Option{"--no-daemonize", false, setFlag<&RunSettings::daemonize, false>},
 };

@@ -130,6 +130,8 @@ Descriptor ClientThread::connect_to_host() const
     if (type == SOCK_STREAM) {
         limitSendBuffer(connection.get());
         giveUpDeadPeer(connection.get());
+        if (immediateDelivery)
+            sendAtOnce(connection.get());
     }
     logAddress(peer.sin_addr);
     if (::connect(connection.get(), reinterpret_cast<const sockaddr *>(&peer), sizeof peer) != 0) {

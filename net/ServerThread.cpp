@@ -63,6 +63,8 @@ Descriptor ServerThread::listenOnPort() const
         return listener;
     }
     limitSendBuffer(listener.get()); // before listen(2): accepted connections inherit it
+    if (immediateDelivery)
+        sendAtOnce(listener.get());
     const char *failed = nullptr;
     if (!reuseAddress(listener.get()))
         failed = "setsockopt";

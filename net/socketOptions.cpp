@@ -22,6 +22,8 @@ void set(int socketDescriptor, int level, int option, int value)
 
 void limitSendBuffer(int socketDescriptor) { set(socketDescriptor, SOL_SOCKET, SO_SNDBUF, sendBufferBytes); }
 
+void sendAtOnce(int socketDescriptor) { set(socketDescriptor, IPPROTO_TCP, TCP_NODELAY, 1); }
+
 void giveUpDeadPeer(int socketDescriptor)
 {
     set(socketDescriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, deadAfter * 1000); // milliseconds

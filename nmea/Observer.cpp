@@ -4,17 +4,25 @@
 #include "support/guards.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace {
 
-/// Checked before the new message is appended, so a mailbox holds one more than this.
-constexpr std::size_t fullQueue = 10;
+constexpr std::uint32_t mailboxSize = 11;          ///< messages
+constexpr std::uint32_t immediateMailboxSize = 64; ///< messages: two epochs of a receiver with all constellations
 
 /// Bytes that a free slot may keep allocated: eleven huge GSV groups must not stay in memory.
 constexpr std::size_t keptBytes = 1024;
 
+/// After its first message a consumer waits this long for the rest of the epoch, so that it goes out in one send...
+constexpr std::chrono::milliseconds gatherTime{5};
+/// ...unless this many messages have arrived.
+constexpr std::uint32_t enoughMessages = immediateMailboxSize / 2;
+
 } // namespace
+
+bool immediateDelivery = false;
 
 Observer::Observer(const std::string &threadName) : KAV::Thread(threadName, false) {}
 
@@ -22,22 +30,33 @@ Observer::~Observer() = default;
 
 void Observer::update(const std::string &message)
 {
+    bool awaited = false;
     // A message that cannot be copied is dropped.
-    static_cast<void>(KAV::ifMemoryAllows([&] { append(message); }));
+    static_cast<void>(KAV::ifMemoryAllows([&] { awaited = append(message); }));
+    if (awaited && immediateDelivery)
+        arrived.notify_one();
 }
 
-void Observer::append(const std::string &message)
+void Observer::wake()
 {
     const KAV::Hold hold(*queueLock);
-    if (waiting > fullQueue) {
+    arrived.notify_one();
+}
+
+/// True when `awaitMessages` may be waiting for this message.
+bool Observer::append(const std::string &message)
+{
+    const KAV::Hold hold(*queueLock);
+    if (waiting == (immediateDelivery ? immediateMailboxSize : mailboxSize)) {
         queue[oldest] = message;
         oldest = (oldest + 1) % static_cast<std::uint32_t>(queue.size());
-        return;
+        return false;
     }
     if (waiting == queue.size())
         queue.emplace_back();
     queue[waiting] = message;
     ++waiting;
+    return waiting == 1 || waiting == enoughMessages;
 }
 
 std::string Observer::getData()
@@ -54,6 +73,8 @@ std::string Observer::getData()
         if (queue[at].capacity() > keptBytes)
             queue[at] = std::string();
     }
+    if (queue.size() > mailboxSize)
+        queue.resize(mailboxSize); // frees what a burst needed
     waiting = 0;
     oldest = 0;
     return all;
@@ -63,11 +84,29 @@ void Observer::deliverUntilExit(const std::function<bool(const std::string &batc
 {
     constexpr unsigned int idlePause = 1000; // milliseconds
     while (exitRequested == 0) {
+        if (immediateDelivery)
+            awaitMessages();
         std::string batch;
         // Without memory for the joined text the messages stay in the mailbox.
-        if (!KAV::ifMemoryAllows([&] { batch = getData(); }) || batch.empty())
+        const bool joined = KAV::ifMemoryAllows([&] { batch = getData(); });
+        if (!batch.empty()) {
+            if (!deliver(batch))
+                return;
+        } else if (!joined || !immediateDelivery) {
             KAV::Thread::sleep(idlePause);
-        else if (!deliver(batch))
+        }
+    }
+}
+
+/// Blocks until there are messages and the rest of their epoch had time to arrive, or until an exit is requested.
+void Observer::awaitMessages()
+{
+    const KAV::Hold hold(*queueLock);
+    while (waiting == 0 && exitRequested == 0)
+        arrived.wait(*queueLock);
+    const auto end = std::chrono::steady_clock::now() + gatherTime;
+    while (waiting < enoughMessages && exitRequested == 0) {
+        if (arrived.wait_until(*queueLock, end) == std::cv_status::timeout)
             return;
     }
 }

@@ -4,10 +4,15 @@
 #include "support/Lock.h"
 #include "support/Thread.h"
 
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <string>
+
+/// Whether a message wakes the consumers (option --immediate). Otherwise they look once a second. One setting for the
+/// process. Thread: written by main before the first consumer starts.
+extern bool immediateDelivery;
 
 /// Base of every consumer: a thread with a bounded mailbox.
 ///
@@ -21,8 +26,8 @@ public:
     /// Queued messages are dropped.
     ~Observer() override = 0;
 
-    /// Appends a copy of `message`; a mailbox that holds more than 10 silently drops its oldest message first. Out of
-    /// memory, `message` is dropped instead.
+    /// Appends a copy of `message`; a full mailbox (11 messages, with `immediateDelivery` 64) silently drops its oldest
+    /// message first. Out of memory, `message` is dropped instead.
     ///
     /// Thread: main, from the subject's `notify`, with the subject's lock held; must not call the subject. Locks:
     /// `queueLock`. Never blocks on output.
@@ -34,11 +39,15 @@ public:
     /// the messages still queued.
     [[nodiscard]] std::string getData();
 
+    /// Ends the wait for a message, so that `exitRequested` is seen. Any thread. Locks: `queueLock`.
+    void wake();
+
     void execute() override = 0;
 
 protected:
     /// Passes each batch of queued messages to `deliver` until `exitRequested` is set or `deliver` returns false. With
-    /// an empty queue or no memory for the batch, retries after one second.
+    /// an empty queue, looks again after one second, or, with `immediateDelivery`, sleeps until a message arrives.
+    /// Without memory for the batch, retries after one second.
     ///
     /// Thread: the observer's own. Locks: none while `deliver` runs.
     void deliverUntilExit(const std::function<bool(const std::string &batch)> &deliver);
@@ -51,5 +60,8 @@ protected:
     std::uint32_t oldest KAV_GUARDED_BY(*queueLock) = 0;  ///< index of the oldest; 0 unless the mailbox is full
 
 private:
-    void append(const std::string &message);
+    [[nodiscard]] bool append(const std::string &message);
+    void awaitMessages();
+
+    std::condition_variable_any arrived; ///< used with `queueLock`: a message, or an exit request
 };

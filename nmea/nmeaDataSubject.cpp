@@ -47,6 +47,13 @@ void nmeaDataSubject::notify(const std::string &message)
         observer->update(message);
 }
 
+void nmeaDataSubject::wakeAll()
+{
+    const KAV::Hold hold(*observersLock);
+    for (Observer *const observer : observers)
+        observer->wake();
+}
+
 bool nmeaDataSubject::collectGSV(const std::string &sentence, std::string &group)
 {
     if (gsvBuffer.size() + sentence.size() > longestGroup) {

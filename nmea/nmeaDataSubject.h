@@ -33,6 +33,9 @@ public:
     /// Passes `message` to every registered observer, in order of registration. Thread: main.
     void notify(const std::string &message);
 
+    /// Wakes every registered observer, so that it sees an exit request. Any thread.
+    void wakeAll();
+
     /// Collects one decorated GSV sentence. True when it completes its group (its second and third comma-separated
     /// fields are equal); `group` then holds all sentences collected so far, otherwise it is empty.
     ///

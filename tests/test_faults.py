@@ -69,10 +69,8 @@ def test_any_call_may_fail(name, lost, faults, says):
         assert written.startswith("$GPGGA,1") != ("serial" in lost)
         assert "1$" not in written, "a cut line"
         expected = 1 + ("uplink" not in lost) + 2 * ("server" not in lost)  # gpspipe's, connections, the listener
-
-        def has_closed_the_rest():
-            return sum(file.startswith(("socket:", "pipe:")) for file in program.descriptors().values()) == expected
-        assert eventually(has_closed_the_rest), program.descriptors()
+        assert eventually(lambda: expected == sum(file.startswith(("socket:", "pipe:"))
+                                                  for file in program.descriptors().values()))
         program.interrupt()
         output = program.output()
         assert output.count(" fails]\n") == len(re.findall("[A-Z]+", faults))

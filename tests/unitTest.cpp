@@ -29,7 +29,8 @@ TEST(parseCommandLine, takesValues)
             << s.stationId << s.stationIdPrefix << (s.serialRs485 ? " rs485" : "") << (s.logToStderr ? " -e" : "");
         return all.str();
     };
-    // B4800 is 12, B115200 is 4098, CS7 32, CS8 48, PARENB 256, PARODD 512, CSTOPB 64, CRTSCTS 2147483648 (<termios.h>).
+    // B4800 is 12, B115200 is 4098, CS7 32, CS8 48, PARENB 256, PARODD 512, CSTOPB 64, CRTSCTS 2147483648
+    // (<termios.h>).
     const std::string defaults = "30 5445 t 5445 10 4098 48 0 0 0";
     const std::pair<const char *, std::string> cases[] = {
         {"--server-passwd", defaults},
@@ -53,12 +54,11 @@ TEST(parseCommandLine, takesValues)
 TEST(parseCommandLine, switchesOnAndOff)
 {
     for (const bool on : {true, false}) {
-        const std::string end = on ? "" : " --no-server --no-client --no-timestamp --no-daemonize";
-        const RunSettings settings = parsed("--server --client --timestamp --daemonize" + end);
-        EXPECT_EQ(settings.serverEnabled, on);
-        EXPECT_EQ(settings.clientEnabled, on);
-        EXPECT_EQ(settings.timestamp, on);
-        EXPECT_EQ(settings.daemonize, on);
+        const std::string end = on ? "" : " --no-server --no-client --no-timestamp --no-daemonize --no-immediate";
+        const RunSettings settings = parsed("--server --client --timestamp --daemonize --immediate" + end);
+        EXPECT_EQ(std::tuple(settings.serverEnabled, settings.clientEnabled, settings.timestamp, settings.daemonize,
+                             immediateDelivery),
+                  std::tuple(on, on, on, on, on));
     }
     const std::string types[] = {"GGA", "RMC", "GSA", "ZDA", "GBS", "GLL", "GSV", "VTG"};
     Mailbox mailbox;
@@ -75,15 +75,22 @@ TEST(parseCommandLine, switchesOnAndOff)
     }
 }
 
-TEST(Observer, keepsTheNewestElevenInOrder)
+TEST(Observer, keepsTheNewestInOrder)
 {
-    Mailbox mailbox;
-    for (int message = 10; message < 30; ++message)
-        mailbox.update(std::to_string(message) + " ");
-    EXPECT_EQ(mailbox.getData(), "19 20 21 22 23 24 25 26 27 28 29 ");
-    mailbox.update(std::string(5000, 'x'));
-    mailbox.update("y");
-    EXPECT_EQ(mailbox.getData(), std::string(5000, 'x') + "y");
+    for (const int size : {11, 64}) {
+        immediateDelivery = size == 64;
+        Mailbox mailbox;
+        std::string newest;
+        for (int message = 0; message < 100; ++message) {
+            const std::string text = std::to_string(message) + std::string(message % 10 == 5 ? 5000 : 1, ' ');
+            mailbox.update(text);
+            newest += message >= 100 - size ? text : "";
+        }
+        EXPECT_EQ(mailbox.getData(), newest);
+        mailbox.update("next");
+        EXPECT_EQ(mailbox.getData(), "next");
+    }
+    immediateDelivery = false;
 }
 
 TEST(isSentenceDue, countsWholeSeconds)

@@ -18,9 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     int ends[2];
     ::socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
     const KAV::Descriptor own(ends[0]);
-    KAV::Descriptor peer(ends[1]);
-    ::send(peer.get(), data, size, 0);
-    peer.reset();
+    ::send(ends[1], data, size, 0);
+    KAV::Descriptor(ends[1]).reset();
     const std::string sent(reinterpret_cast<const char *>(data), size);
     const std::size_t end = sent.find('\n');
     handshake::Line line;
