@@ -132,6 +132,14 @@ class Navtwine:
         """Of all its threads, those that have ended too: the clock that clock_getcpuclockid(3) gives."""
         return time.clock_gettime(~self.pid << 3 | 2)
 
+    def reader_seconds(self):
+        return int(Path(f"/proc/{self.pid}/task/{self.pid}/schedstat").read_text().split()[0]) / 1e9
+
+    def wake_ups(self):
+        """How often its threads went to sleep, which is how often something woke them."""
+        status = [task.read_text() for task in Path(f"/proc/{self.pid}/task").glob("*/status")]
+        return sum(int(re.search(r"^voluntary_ctxt_switches:\s(\d+)$", text, re.M)[1]) for text in status)
+
     def memory(self):
         """KiB: Rss is resident, Private_Dirty of it its own and written to, VmSize address space."""
         text = "".join(Path(f"/proc/{self.pid}/{name}").read_text() for name in ("smaps_rollup", "status"))

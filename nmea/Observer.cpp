@@ -34,14 +34,10 @@ void Observer::update(const std::string &message)
     // A message that cannot be copied is dropped.
     static_cast<void>(KAV::ifMemoryAllows([&] { awaited = append(message); }));
     if (awaited && immediateDelivery)
-        arrived.notify_one();
+        arrived.notify();
 }
 
-void Observer::wake()
-{
-    const KAV::Hold hold(*queueLock);
-    arrived.notify_one();
-}
+void Observer::wake() { arrived.notify(); }
 
 /// True when `awaitMessages` may be waiting for this message.
 bool Observer::append(const std::string &message)
@@ -101,12 +97,17 @@ void Observer::deliverUntilExit(const std::function<bool(const std::string &batc
 /// Blocks until there are messages and the rest of their epoch had time to arrive, or until an exit is requested.
 void Observer::awaitMessages()
 {
-    const KAV::Hold hold(*queueLock);
-    while (waiting == 0 && exitRequested == 0)
-        arrived.wait(*queueLock);
+    while (messagesWaiting() == 0 && exitRequested == 0)
+        arrived.wait();
     const auto end = std::chrono::steady_clock::now() + gatherTime;
-    while (waiting < enoughMessages && exitRequested == 0) {
-        if (arrived.wait_until(*queueLock, end) == std::cv_status::timeout)
+    while (messagesWaiting() < enoughMessages && exitRequested == 0) {
+        if (!arrived.waitUntil(end))
             return;
     }
+}
+
+std::uint32_t Observer::messagesWaiting()
+{
+    const KAV::Hold hold(*queueLock);
+    return waiting;
 }

@@ -1,10 +1,10 @@
 #pragma once
 
 #include "support/AutoPtr.h"
+#include "support/Event.h"
 #include "support/Lock.h"
 #include "support/Thread.h"
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -39,7 +39,7 @@ public:
     /// the messages still queued.
     [[nodiscard]] std::string getData();
 
-    /// Ends the wait for a message, so that `exitRequested` is seen. Any thread. Locks: `queueLock`.
+    /// Ends the wait for a message, so that `exitRequested` is seen. Any thread. Locks: none.
     void wake();
 
     void execute() override = 0;
@@ -62,6 +62,7 @@ protected:
 private:
     [[nodiscard]] bool append(const std::string &message);
     void awaitMessages();
+    [[nodiscard]] std::uint32_t messagesWaiting();
 
-    std::condition_variable_any arrived; ///< used with `queueLock`: a message, or an exit request
+    KAV::Event arrived; ///< a message that `awaitMessages` waits for, or an exit request
 };

@@ -88,8 +88,9 @@ class Program:
                            COLLECTOR=str(self.collector.getsockname()[1]), LINE=self.device)
         words = shlex.join(NAVTWINE if faults is None else FAULTY)
         self.touch("output")
-        self.process = subprocess.Popen(["/bin/sh", "-c", f"exec </dev/null >>output 2>&1; {before}; exec {words} "
-                                         + arguments], cwd=self.folder, env=environment)
+        words += f" {arguments} {os.environ.get('NAVTWINE_OPTIONS', '')}"
+        self.process = subprocess.Popen(["/bin/sh", "-c", f"exec </dev/null >>output 2>&1; {before}; exec {words}"],
+                                        cwd=self.folder, env=environment)
 
     def __enter__(self):
         return self

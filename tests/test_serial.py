@@ -20,7 +20,7 @@ def test_end_empties_the_line(gpspipe, arguments, faults):
     with Program(arguments + "--serial $LINE", gpspipe, faults) as program:
         assert program.says("RS485 configurating error. errno:")
         termios.tcflow(program.line_port, termios.TCOOFF)
-        time.sleep(2.5)  # the thread looks once a second, and is blocked with the next batch
+        time.sleep(3.5)  # the thread looks once a second, and is blocked with the next batch
         if faults:  # after five seconds: the stalled log holds the server
             program.last = f"[tcflush {termios.TCOFLUSH}]\n"
             program.touch("stalled-log")
