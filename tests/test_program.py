@@ -6,7 +6,7 @@ import time
 from pathlib import Path
 
 import pytest
-from harness import NAVTWINE, REPEAT, SERVER, Program, eventually, runs
+from harness import EMULATED, NAVTWINE, REPEAT, SERVER, Program, eventually, runs
 
 LIFECYCLE = f"INFO: Starting executable: {''.join(NAVTWINE[-1:])}\nINFO: execution complete\n"
 USAGE = (r"\nusage: navtwine \[OPTIONS\]\n\nOPTIONS:\n --\[no-\]daemonize\n.*server-port PORT .default: 5445.*client"
@@ -61,7 +61,7 @@ def test_standard_streams_are_open(how):
         daemon = os.getsid(program.gpspipe())  # it leads a session of its own, which has gpspipe in it
         process = daemon if "daemon" in how else program.process.pid
         for stream in range(3):
-            assert os.readlink(f"/proc/{process}/fd/{stream}") == "/dev/null"
+            assert EMULATED or os.readlink(f"/proc/{process}/fd/{stream}") == "/dev/null"  # or valgrind's own log
         assert os.readlink(f"/proc/{process}/cwd") == str(program.folder)
         os.kill(process, signal.SIGINT)
         assert program.process.wait(30) == 0

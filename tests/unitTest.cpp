@@ -123,7 +123,6 @@ TEST(handleNMEAString, decoratesGathersAndGates)
     EXPECT_EQ(passed({"$GPGGA,1\r\n", "$GNGGA,2\r\n", "$GPRMC,3\r\n", "$GPGG", "\xff\x01G"}, 1),
               "X-7$GPGGA,1\r\nX-7$GNGGA,2\r\n");
     EXPECT_EQ(passed({"GGPGPGGA", "GPRMC GNGGA", "gpgga"}, 1), "X-7GGPGPGGAX-7GPRMC GNGGA") << "the first type decides";
-    EXPECT_EQ(passed({"$GPGGA,4\r\n"}, 1000), "") << "the talkers share one gate";
     EXPECT_EQ(passed({"$GPGSV,2,1,a\n", "$GPGSV,2,2,b\n"}, 1), "") << "switched off";
     filterOf(SentenceType::GSV) = {true, 0};
     EXPECT_EQ(passed({"$GPGSV,2,1,c\n", "$GPGSV,2,2,d\n"}, 1000), "X-7$GPGSV,2,1,c\nX-7$GPGSV,2,2,d\n");

@@ -74,7 +74,8 @@ void operator delete(void *memory, std::size_t size) noexcept
     std::free(memory);
 }
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the linker makes these names.
+// NOLINTBEGIN(bugprone-reserved-identifier, performance-no-int-to-ptr): the linker makes these names, and a call may be
+// given an address.
 
 // Whatever the calls take and return fits into registers, or is handed on from the caller's stack.
 using Word = long;
@@ -122,7 +123,7 @@ static Word failureOf(std::string_view symbol)
         errno = ofLogger ? EDOM : errno; /* which the logger is to give back as it was */                              \
         return result;                                                                                                 \
     }
-#include "failingCalls.h" // made of the list in CMakeLists.txt
+#include "failingCalls.inc" // made of the list in CMakeLists.txt
 
 /// What goes to the system log stands on standard error instead, with what decides where it would be filed. As long as
 /// there is a file "stalled-log" in the current folder, it takes nothing.
@@ -133,7 +134,7 @@ extern "C" void __wrap_openlog(const char *identity, int, int facility)
 extern "C" void __wrap_syslog(int priority, const char *, int size, const char *text)
 {
     while (::access("stalled-log", F_OK) == 0)
-        ::usleep(10'000);
+        ::sleep(1);
     ::dprintf(STDERR_FILENO, "[syslog %d]%.*s\n", priority, size, text);
 }
 /// What `syslog` is called where functions are fortified.
@@ -154,4 +155,4 @@ extern "C" time_t __wrap_time(time_t *) { return std::chrono::steady_clock::now(
 /// What `time` is called on 32-bit machines, where time_t has 64 bits too.
 extern "C" time_t __wrap___time64(time_t *) { return __wrap_time(nullptr); }
 
-// NOLINTEND(bugprone-reserved-identifier)
+// NOLINTEND(bugprone-reserved-identifier, performance-no-int-to-ptr)

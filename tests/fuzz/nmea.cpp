@@ -14,11 +14,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     std::string waiting; // GSV sentences
     Mailbox mailbox;
     while (!output.empty()) {
-        const std::string read = output.substr(0, std::min<std::size_t>(output.find('\n'), 510) + 1); // as fgets does
-        output.erase(0, read.size());
-        handleNMEAString(read.c_str(), 1, &decoration);
-        const auto type = findSentenceType(read.c_str());
-        waiting += type ? decoration + read.c_str() : "";
+        const std::size_t length = std::min<std::size_t>(output.find('\n'), 510) + 1; // as fgets reads
+        const std::string line = output.substr(0, length).c_str();
+        output.erase(0, length);
+        handleNMEAString(line.c_str(), 1, &decoration);
+        const auto type = findSentenceType(line.c_str());
+        waiting += type ? decoration + line : "";
         const std::string sent = mailbox.getData();
         assert(!sent.empty() || !type || type == SentenceType::GSV);
         assert(waiting.ends_with(sent));
