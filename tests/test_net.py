@@ -1,5 +1,4 @@
 # The server with its clients, and the uplink.
-import contextlib
 import os
 import re
 import signal
@@ -24,19 +23,17 @@ LOGINS = (
 )
 
 
-def test_login_lets_clients_in_with_the_password_only():
-    with contextlib.ExitStack() as stack:  # all at the same time
-        programs = [stack.enter_context(Program(f"{SERVER} --server-passwd {row[0]}", REPEAT, "")) for row in LOGINS]
-        clients = [program.connect() for program in programs]
+@pytest.mark.parametrize("password, answers, transcript, log", LOGINS, ids=range(len(LOGINS)))
+def test_login_lets_clients_in_with_the_password_only(password, answers, transcript, log):
+    with Program(f"{SERVER} --server-passwd {password}", REPEAT, "") as program:
+        client = program.connect()
         time.sleep(1)  # ten of the thirty seconds that an answer may take
-        for client, row in zip(clients, LOGINS):
-            client.send(row[1])
-        for program, client, (_, answers, transcript, log) in zip(programs, clients, LOGINS):
-            refused = "failed to login" in log
-            assert client.read_until("never" if refused else "$GPGGA").split("$")[0] == transcript, answers
-            assert client.closed == refused, answers
-            assert program.says(log)
-            assert not refused or program.says("INFO: The remote client is disconnected.\n")
+        client.send(answers)
+        refused = "failed to login" in log
+        assert client.read_until("never" if refused else "$GPGGA").split("$")[0] == transcript
+        assert client.closed == refused
+        assert program.says(log)
+        assert not refused or program.says("INFO: The remote client is disconnected.\n")
 
 
 # What a collector sends, and what the log says of it.
