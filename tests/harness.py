@@ -85,7 +85,8 @@ class Program:
         self.last = "INFO: execution complete\n"  # which the forced end after five seconds does not say
         numbers = re.sub("[A-Z]+", lambda name: str(getattr(errno, name[0], 0)), faults or "")
         environment = dict(os.environ, PATH=f"{self.folder}:{os.environ['PATH']}", PORT=str(self.port), FAULTS=numbers,
-                           COLLECTOR=str(self.collector.getsockname()[1]), LINE=self.device)
+                           COLLECTOR=str(self.collector.getsockname()[1]), LINE=self.device,
+                           MALLOC_PERTURB_="165")  # mallopt(3): what is used after it was freed does not go well
         words = shlex.join(NAVTWINE if faults is None else FAULTY)
         self.touch("output")
         words += f" {arguments} {os.environ.get('NAVTWINE_OPTIONS', '')}"

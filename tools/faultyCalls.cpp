@@ -96,6 +96,8 @@ static void tell(std::string_view symbol, Word b, Word c, Word d)
         ::dprintf(STDERR_FILENO, "[rs485 %d]\n", numberAt(c));
     if (symbol.find("setsockopt") != symbol.npos)
         ::dprintf(STDERR_FILENO, "[setsockopt %d %d %d]\n", int(b), int(c), numberAt(d));
+    if (symbol == "listen")
+        ::dprintf(STDERR_FILENO, "[listen %d]\n", int(b));
     if (symbol == "tcflush")
         ::dprintf(STDERR_FILENO, "[tcflush %d]\n", int(b));
     constexpr tcflag_t frame = CSIZE | PARENB | PARODD;
