@@ -2,6 +2,12 @@
 # What the scripts share: `. "$(dirname "$0")/lib.sh"`. Goes to the root of the tree; the first failing command ends
 # the script.
 set -euo pipefail
+
+# With --help a script shows the comment at its head, which begins with its usage.
+if [[ ${1:-} =~ ^(-h|--help)$ ]]; then
+    sed -n '2,/^$\|^[^#]/s/^# \?//p' "$0"
+    exit
+fi
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 # fail WORDS...: says what is wrong and ends the script.
