@@ -1,49 +1,42 @@
-# bash completion for navtwine(8)
+# bash completion for navtwine(8); needs nothing but bash itself
 
 _navtwine()
 {
-    # shellcheck disable=SC2034 # _init_completion fills all four
-    local cur prev words cword
-    _init_completion || return
+    local cur=${COMP_WORDS[COMP_CWORD]} words
 
-    case $prev in
+    case ${COMP_WORDS[COMP_CWORD - 1]} in
         --serial)
-            _filedir
+            compopt -o filenames
+            mapfile -t COMPREPLY < <(compgen -f -- "$cur")
             return ;;
         --client-remote-host)
-            _known_hosts_real -- "$cur"
+            mapfile -t COMPREPLY < <(compgen -A hostname -- "$cur")
             return ;;
         --baud)
-            mapfile -t COMPREPLY < <(compgen -W '4800 9600 19200 38400 57600 115200' -- "$cur")
-            return ;;
+            words='4800 9600 19200 38400 57600 115200' ;;
         --datalength)
-            mapfile -t COMPREPLY < <(compgen -W '7 8' -- "$cur")
-            return ;;
+            words='7 8' ;;
         --stopbits)
-            mapfile -t COMPREPLY < <(compgen -W '1 2' -- "$cur")
-            return ;;
+            words='1 2' ;;
         --parity)
-            mapfile -t COMPREPLY < <(compgen -W 'none odd even' -- "$cur")
-            return ;;
+            words='none odd even' ;;
         --client-protocol)
-            mapfile -t COMPREPLY < <(compgen -W 'tcp udp' -- "$cur")
-            return ;;
+            words='tcp udp' ;;
         --loglevel)
-            mapfile -t COMPREPLY < <(compgen -W '10 30 50' -- "$cur")
-            return ;;
+            words='10 30 50' ;;
         --server-port | --server-passwd | --client-port | --client-passwd | --id | --id-prefix | --interval)
-            return ;; # free text, nothing to complete
+            words='' ;; # free text, nothing to complete
+        *)
+            words='-e -h --help --daemonize --no-daemonize --timestamp --no-timestamp --immediate --no-immediate
+                --server --no-server --server-port --server-passwd
+                --client --no-client --client-protocol --client-remote-host --client-port --client-passwd
+                --serial --baud --datalength --parity --stopbits --hwflow --rs485
+                --id --id-prefix --interval --loglevel'
+            local type
+            for type in gga gsa gsv gll rmc vtg zda gbs; do
+                words+=" --$type --no-$type"
+            done ;;
     esac
-
-    local options='-e -h --help --daemonize --no-daemonize --timestamp --no-timestamp
-        --server --no-server --server-port --server-passwd
-        --client --no-client --client-protocol --client-remote-host --client-port --client-passwd
-        --serial --baud --datalength --parity --stopbits --hwflow --rs485
-        --id --id-prefix --interval --loglevel'
-    local type
-    for type in gga gsa gsv gll rmc vtg zda gbs; do
-        options+=" --$type --no-$type"
-    done
-    mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
+    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$cur")
 } &&
     complete -F _navtwine navtwine
