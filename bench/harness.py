@@ -100,14 +100,16 @@ def end_process(process, first_signal=signal.SIGTERM):
 class Navtwine:
     """The program with its server, all types and no interval. A context manager, from when it listens.
 
-    `gpspipe`: the folder of the one to use; `prefix`: a command that starts the program, prlimit or strace."""
+    The environment's NAVTWINE_OPTIONS are its last options. `gpspipe`: the folder of the one to use; `prefix`: a
+    command that starts the program, prlimit or strace."""
 
     def __init__(self, *options, gpspipe=STANDIN, prefix=(), **environment):
         self.port = free_port()
         self.log_file = tempfile.TemporaryFile()
-        command = [*prefix, BUILD / "navtwine", "--server", "--server-port", str(self.port), "--interval", "1", "-e"]
+        command = [*prefix, BUILD / "navtwine", "--server", "--server-port", str(self.port), "--interval", "1", "-e",
+                   *ALL_TYPES, *options, *os.environ.get("NAVTWINE_OPTIONS", "").split()]
         self.process = subprocess.Popen(
-            [*command, *ALL_TYPES, *options], env={**os.environ, "PATH": f"{gpspipe}:/usr/bin:/bin", **environment},
+            command, env={**os.environ, "PATH": f"{gpspipe}:/usr/bin:/bin", **environment},
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=self.log_file)
         self.pid = self.process.pid
 

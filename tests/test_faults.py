@@ -90,7 +90,7 @@ def test_memory_may_be_out(threads):
         while :; do echo "\$GPGGA,$(cat again),a sentence that a string has no room of its own for"; sleep 0.2; done""",
                    ) as program:
         consumers = [program.accept("PASSWORD\r\nOK\r\n"), log_in(program), program.line]
-        assert all("$GPGGA,," in consumer.read_until("own for") for consumer in consumers)
+        assert ["$GPGGA,," in consumer.read_until("own for") for consumer in consumers] == [True, True, True]
         program.touch("failing")
         program.connect()
         assert program.says("[operator_new fails]\n")
