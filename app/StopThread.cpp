@@ -22,7 +22,7 @@ StopThread::~StopThread()
 
 void StopThread::execute()
 {
-    exitRequested.wait(0); // blocks until SIGINT; polling would wake an idle process
+    awaitExit();
     nmeaDataSubject::getInstance()->wakeAll();
     for (int passed = 0; passed < patience; ++passed) {
         endGpspipe();

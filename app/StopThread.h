@@ -9,8 +9,7 @@
 /// finished after five seconds, because a stalled system log blocks it or another thread, ends the process with
 /// status 0.
 ///
-/// Owned by main from the start of the consumers on. REQUIRES: destroyed only after an exit request, since waiting for
-/// one is not a cancellation point.
+/// Owned by main from the start of the consumers on.
 class StopThread : public KAV::Thread {
 public:
     /// Starts the thread. Errors: as KAV::Thread::start.

@@ -9,6 +9,7 @@ if [[ ${1:-} =~ ^(-h|--help)$ ]]; then
     exit
 fi
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+tree=$PWD
 
 # fail WORDS...: says what is wrong and ends the script.
 fail()
@@ -42,6 +43,30 @@ build()
         tail -n 40 "$log"
         fail "build/$1 does not build: $log"
     }
+}
+
+# debian COMMAND...: runs apt-get or apt-cache on what Debian 12 has for every architecture that we build for, with a
+# state of its own: what this machine has installed or knows of does not count.
+debian()
+{
+    local state=$tree/build/apt
+    mkdir -p "$state/lists/partial" "$state/cache/archives/partial"
+    touch "$state/status"
+    echo "deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] http://deb.debian.org/debian bookworm main" \
+        >"$state/sources"
+    cat >"$state/apt.conf" <<EOT
+APT::Architecture "amd64";
+APT::Architectures { "amd64"; "arm64"; "armel"; "armhf"; };
+APT::Sandbox::User "";
+Acquire::Languages "none";
+Acquire::Retries "3";
+Dir::Cache "$state/cache";
+Dir::Etc::sourcelist "$state/sources";
+Dir::Etc::sourceparts "-";
+Dir::State "$state";
+Dir::State::status "$state/status";
+EOT
+    APT_CONFIG=$state/apt.conf flock "$state" "$@"
 }
 
 # within SECONDS COMMAND...: waits until the command succeeds; status 1 when it does not.

@@ -1,19 +1,27 @@
 #pragma once
 
 #include <atomic>
+#include <csignal>
 
 /// The process-wide stop flag: 0 at start, set to 1 by the SIGINT handler, never reset.
 ///
 /// Thread: written only by `requestExit`, read by every loop of the program without a lock.
 extern std::atomic<int> exitRequested;
 
-static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes this flag");
+// The handler must not wait for a lock that the interrupted thread holds. It only loads and stores; of an object of
+// the size of sig_atomic_t these are single instructions everywhere, unless the compiler never has such atomics
+// (ATOMIC_INT_LOCK_FREE 0). 1, on ARMv5: operations that read, change and write back go through helpers of the kernel,
+// which take no lock either, but do not promise it.
+static_assert(ATOMIC_INT_LOCK_FREE > 0 && sizeof exitRequested == sizeof(std::sig_atomic_t),
+              "a signal handler writes this flag");
 
-/// Sets `exitRequested` and wakes all waiters on it and on `exitEvent`.
+/// Sets `exitRequested`, makes `exitEvent` readable and so ends every `awaitExit`.
 ///
-/// Async-signal-safe: `notify_all` of a lock-free atomic is (C++20, [support.signal]; in libstdc++ 12 on amd64 and
-/// armhf it is atomic operations and one futex(2) call), and so is eventfd_write(3).
+/// Async-signal-safe: a load and a store of atomics, and eventfd_write(3), which is write(2).
 void requestExit();
+
+/// Blocks until `exitRequested` is set. Any thread; a cancellation point.
+void awaitExit();
 
 /// Creates the eventfd behind `exitEvent`; never closed. Thread: main, before any other starts.
 void createExitEvent();
