@@ -81,7 +81,7 @@ def test_client_that_stops_reading_gets_the_newest_later():
     with Program(SERVER + "--gsv", r"""timeout 5 yes "$(printf '$GPGSV,30,%d,%0480d\n' $(seq -f '%g 0' 30))"
                                        touch passed; exec yes '$GPGGA,new'""") as program:
         sleeper = program.connect()
-        sleeper.stream.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)  # or it would hold most of what is late
+        sleeper.stream.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16384)  # or it would hold most of what is late
         assert eventually((program.folder / "passed").exists), "the stream waits for one client"
         woken = sleeper.read_until("new")
         assert "new" in woken
