@@ -5,10 +5,12 @@
 #include "serial/SerialThread.h"
 #include "support/exitRequested.h"
 
+#include <chrono>
+
 namespace {
 
-constexpr unsigned int step = 1000; ///< milliseconds
-constexpr int patience = 5;         ///< steps before the process is ended by force
+constexpr std::chrono::seconds step{1};
+constexpr int patience = 5; ///< steps before the process is ended by force
 
 } // namespace
 
@@ -16,8 +18,8 @@ StopThread::StopThread() : KAV::Thread("navtwine stop-thread", true) { KAV::Thre
 
 StopThread::~StopThread()
 {
-    if (isAlive())
-        KAV::Thread::stop();
+    finished.notify();
+    KAV::Thread::wait();
 }
 
 void StopThread::execute()
@@ -26,7 +28,8 @@ void StopThread::execute()
     nmeaDataSubject::getInstance()->wakeAll();
     for (int passed = 0; passed < patience; ++passed) {
         endGpspipe();
-        KAV::Thread::sleep(step);
+        if (finished.waitUntil(std::chrono::steady_clock::now() + step))
+            return;
     }
     SerialThread::endOutput();
     endProcess(0);

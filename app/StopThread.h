@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/Event.h"
 #include "support/Thread.h"
 
 /// Enforces a requested exit, whatever the main thread is blocked in.
@@ -9,12 +10,16 @@
 /// finished after five seconds, because a stalled system log blocks it or another thread, ends the process with
 /// status 0.
 ///
-/// Owned by main from the start of the consumers on.
+/// Owned by main from the start of the consumers on. REQUIRES: destroyed only after an exit request.
 class StopThread : public KAV::Thread {
 public:
     /// Starts the thread. Errors: as KAV::Thread::start.
     StopThread();
+    /// Ends the thread. It is not cancelled: it may be looking for gpspipe in /proc at this moment.
     ~StopThread() override;
 
     void execute() override;
+
+private:
+    KAV::Event finished; ///< main has come to its end
 };

@@ -11,7 +11,7 @@ namespace KAV {
 /// notified.
 ///
 /// A semaphore, since waiting and waking take one system call each; a condition variable takes two more for its mutex.
-/// Both waits are cancellation points and may return without a notification.
+/// Both waits are cancellation points; a caught signal does not end them.
 class Event {
 public:
     Event() { ::sem_init(&pending, 0, 0); }
@@ -28,7 +28,11 @@ public:
             ::sem_post(&pending);
     }
     /// Thread: the one that waits.
-    void wait() { ::sem_wait(&pending); }
+    void wait()
+    {
+        while (::sem_wait(&pending) != 0 && errno == EINTR) {
+        }
+    }
     /// False when `deadline`, of the monotonic clock, passed without a notification. Thread: the one that waits.
     [[nodiscard]] bool waitUntil(std::chrono::steady_clock::time_point deadline)
     {
@@ -37,7 +41,11 @@ public:
         const auto whole = duration_cast<seconds>(time);
         const timespec end{static_cast<std::time_t>(whole.count()),
                            static_cast<long>(duration_cast<nanoseconds>(time - whole).count())};
-        return ::sem_clockwait(&pending, CLOCK_MONOTONIC, &end) == 0 || errno != ETIMEDOUT;
+        int result = 0;
+        do
+            result = ::sem_clockwait(&pending, CLOCK_MONOTONIC, &end);
+        while (result != 0 && errno == EINTR);
+        return result == 0;
     }
 
 private:
