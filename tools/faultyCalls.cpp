@@ -2,7 +2,7 @@
 // these functions in front of the C library's (option --wrap).
 //
 // The environment's FAULTS names what fails, as THREAD:CALL:AFTER:ERRNO with spaces between. CALL fails once in the
-// threads with THREAD in their names, after AFTER calls that succeed; with errno 0 it takes half of what it is given.
+// threads with THREAD in their names, after AFTER calls that succeed; with errno 0 it takes all but the last byte.
 // Several faults of one call come in turn. AFTER -1: it fails as long as there is a file "failing" in the current
 // folder.
 
@@ -121,7 +121,7 @@ static Word failureOf(std::string_view symbol)
         const bool faulty = !ofLogger && fails(#symbol);                                                               \
         if (faulty && errno != 0)                                                                                      \
             return failureOf(#symbol);                                                                                 \
-        const Word result = __real_##symbol(a, b, faulty ? c / 2 : c, d, e, f, g); /* the size, where there is one */  \
+        const Word result = __real_##symbol(a, b, faulty ? c - 1 : c, d, e, f, g); /* the size, where there is one */  \
         errno = ofLogger ? EDOM : errno; /* which the logger is to give back as it was */                              \
         return result;                                                                                                 \
     }
