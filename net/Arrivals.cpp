@@ -7,12 +7,14 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <malloc.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
 using KAV::Descriptor;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -22,8 +24,13 @@ constexpr int trimAfter = 30'000;
 
 constexpr int retryPause = 1000; ///< milliseconds; retry interval while the cause of a failure persists
 
-/// Upper limit of clients accepted in a row, in case they never stop coming.
+/// Clients that connect in one instant come less than `gatherStep` apart. Until they pause for that long, no handler is
+/// created: its thread would compete for the processor while the backlog overflows.
+constexpr int gatherStep = 5; ///< milliseconds
+
+/// Upper limits of the clients accepted in a row and of the time this takes, in case they never stop coming.
 constexpr std::size_t mostTaken = 1024;
+constexpr auto gatherTime = 100ms;
 
 /// Two for the pipe of the next gpspipe, two for the uplink's socket and resolver.
 constexpr rlim_t reservedDescriptors = 4;
@@ -31,11 +38,10 @@ constexpr rlim_t reservedDescriptors = 4;
 /// True when `accept` would probably fail again immediately.
 bool isPersistent(int error) { return error != EINTR && error != EAGAIN && error != ECONNABORTED; }
 
-/// Waits up to `trimAfter` for a client.
-bool isClientWaiting(int listener)
+bool isClientWaiting(int listener, int milliseconds)
 {
     std::array<pollfd, 2> waiting{{{listener, POLLIN, 0}, {exitEvent(), POLLIN, 0}}};
-    const int ready = ::poll(waiting.data(), waiting.size(), exitEvent() < 0 ? retryPause : trimAfter);
+    const int ready = ::poll(waiting.data(), waiting.size(), milliseconds);
     if (ready > 0 && (waiting[0].revents & POLLIN) != 0)
         return true;
     if (ready != 0 && exitRequested == 0)
@@ -74,10 +80,12 @@ bool awaitDescriptor()
 
 Descriptor Arrivals::next()
 {
-    if (taken.empty() && !(awaitClient() && takeOne()))
+    if (!taken.empty())
+        takeUntilPause(0);
+    else if (awaitClient() && takeOne())
+        takeUntilPause(gatherStep);
+    else
         return {};
-    while (taken.size() < mostTaken && exitRequested == 0 && isDescriptorFree() && takeOne()) {
-    }
     Descriptor connection = std::move(taken.front());
     taken.erase(taken.begin());
     return connection;
@@ -86,11 +94,20 @@ Descriptor Arrivals::next()
 bool Arrivals::awaitClient() const
 {
     while (exitRequested == 0) {
-        if (isClientWaiting(listener.get()))
+        if (isClientWaiting(listener.get(), exitEvent() < 0 ? retryPause : trimAfter))
             return awaitDescriptor();
         ::malloc_trim(0);
     }
     return false;
+}
+
+/// Accepts clients until none comes for `pause` milliseconds, or one cannot be taken.
+void Arrivals::takeUntilPause(int pause)
+{
+    const auto end = std::chrono::steady_clock::now() + gatherTime;
+    while (taken.size() < mostTaken && isClientWaiting(listener.get(), pause) && isDescriptorFree() && takeOne() &&
+           std::chrono::steady_clock::now() < end) {
+    }
 }
 
 /// Accepts one client. False when none is waiting, `accept` failed, or memory is exhausted: then the client stays in

@@ -7,8 +7,8 @@
 
 /// Clients of one listening socket that are accepted but have no handler yet, in order of arrival.
 ///
-/// The backlog is five (listen(2)), and a client beyond it may consider itself connected for ever. So the whole backlog
-/// is accepted before the next handler is created.
+/// The backlog is five (listen(2)), and a client beyond it may consider itself connected for ever. So whoever comes in
+/// the same instant is accepted before the first handler is created, and the whole backlog before each further one.
 ///
 /// Thread: the server's.
 class Arrivals {
@@ -25,6 +25,7 @@ public:
 
 private:
     [[nodiscard]] bool awaitClient() const;
+    void takeUntilPause(int pause);
     [[nodiscard]] bool takeOne();
 
     const KAV::Descriptor listener;
