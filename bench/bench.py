@@ -123,7 +123,7 @@ def flat_out():
                 "{:.2f} times bare")
     at_most("  ten clients", statistics.median(ours[10]), 1.5 * NOISE, "{:.2f} s")
     at_most("  the reader's part with ten clients and --immediate", statistics.median(readers) / base, 5 * NOISE,
-            "{:.2f} times bare", "; the goal, 2.5, is missed: two wake-ups a client for 32 messages")
+            "{:.2f} times bare", "; the goal, 2.5, is missed: half goes into a wake-up a client for some 60 messages")
 
 
 # -- a receiver's real pace ----------------------------------------------------------------------------------

@@ -30,10 +30,10 @@ Observer::~Observer() = default;
 
 void Observer::update(const std::string &message)
 {
-    bool awaited = false;
+    bool isAwaited = false;
     // A message that cannot be copied is dropped.
-    static_cast<void>(KAV::ifMemoryAllows([&] { awaited = append(message); }));
-    if (awaited && immediateDelivery)
+    static_cast<void>(KAV::ifMemoryAllows([&] { isAwaited = append(message); }));
+    if (isAwaited)
         arrived.notify();
 }
 
@@ -52,7 +52,7 @@ bool Observer::append(const std::string &message)
         queue.emplace_back();
     queue[waiting] = message;
     ++waiting;
-    return waiting == 1 || waiting == enoughMessages;
+    return waiting == awaited;
 }
 
 std::string Observer::getData()
@@ -95,19 +95,23 @@ void Observer::deliverUntilExit(const std::function<bool(const std::string &batc
 }
 
 /// Blocks until there are messages and the rest of their epoch had time to arrive, or until an exit is requested.
+///
+/// When enough have come before that time was over, more are expected: the next call does without the wake-up for the
+/// first message, which would slow down the reader most when it has most to read. It may end without a message.
 void Observer::awaitMessages()
 {
-    while (messagesWaiting() == 0 && exitRequested == 0)
+    while (!moreExpected && !hasMessages(1) && exitRequested == 0)
         arrived.wait();
     const auto end = std::chrono::steady_clock::now() + gatherTime;
-    while (messagesWaiting() < enoughMessages && exitRequested == 0) {
-        if (!arrived.waitUntil(end))
-            return;
-    }
+    moreExpected = true;
+    while (moreExpected && !hasMessages(enoughMessages) && exitRequested == 0)
+        moreExpected = arrived.waitUntil(end);
 }
 
-std::uint32_t Observer::messagesWaiting()
+/// False when fewer than `count` messages are waiting; then `update` notifies `arrived` as soon as there are as many.
+bool Observer::hasMessages(std::uint32_t count)
 {
     const KAV::Hold hold(*queueLock);
-    return waiting;
+    awaited = count;
+    return waiting >= count;
 }

@@ -62,7 +62,9 @@ protected:
 private:
     [[nodiscard]] bool append(const std::string &message);
     void awaitMessages();
-    [[nodiscard]] std::uint32_t messagesWaiting();
+    [[nodiscard]] bool hasMessages(std::uint32_t count);
 
-    KAV::Event arrived; ///< a message that `awaitMessages` waits for, or an exit request
+    std::uint32_t awaited KAV_GUARDED_BY(*queueLock) = 0; ///< messages that `update` notifies `arrived` at; 0: none
+    bool moreExpected = false; ///< the last batch was enough before its time was over; used by the observer's thread
+    KAV::Event arrived;        ///< as many messages as `awaited`, or an exit request
 };
