@@ -4,17 +4,12 @@
 
 namespace KAV {
 
-std::vector<std::string> Text::split(const std::string &text, char delimiter, int limit)
+std::vector<std::string> Text::split(const std::string &text, char delimiter, int /*limit*/)
 {
-    std::size_t pieces = 1 + static_cast<std::size_t>(std::count(text.begin(), text.end(), delimiter));
-    if (limit > 0)
-        pieces = std::min(pieces, static_cast<std::size_t>(limit));
-
     std::vector<std::string> result;
-    result.reserve(pieces);
+    result.reserve(1 + static_cast<std::size_t>(std::count(text.begin(), text.end(), delimiter)));
     std::size_t begin = 0;
-    while (result.size() + 1 < pieces) {
-        const std::size_t end = text.find(delimiter, begin);
+    for (std::size_t end = text.find(delimiter); end != std::string::npos; end = text.find(delimiter, begin)) {
         result.emplace_back(text, begin, end - begin);
         begin = end + 1;
     }

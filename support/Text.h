@@ -10,8 +10,8 @@ class Text {
 public:
     Text() = delete;
 
-    /// Splits `text` at each `delimiter`, keeping empty pieces. `limit` greater than 0: at most `limit` pieces, the
-    /// last of which is the unsplit rest.
+    /// Splits `text` at each `delimiter`, keeping empty pieces. `limit` is 0, which means none; other values have no
+    /// effect.
     [[nodiscard]] static std::vector<std::string> split(const std::string &text, char delimiter, int limit);
 
     /// A copy of `text` without the leading and trailing bytes that occur in `set`.
