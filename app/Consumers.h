@@ -1,17 +1,21 @@
 #pragma once
 
 #include "app/RunSettings.h"
+#include "net/ClientThread.h"
 #include "net/ServerThread.h"
+#include "serial/SerialThread.h"
 
 #include <memory>
 
-/// The consumers of one run.
+/// The consumers of one run; null when switched off or without a thread. The uplink and the serial line live until the
+/// process ends, since neither is waited for.
 struct Consumers {
-    std::unique_ptr<ServerThread> server; ///< null when switched off
-    /// At least one consumer exists. The thread library owns the uplink and the serial consumer once they are started,
-    /// so no pointer to them is kept.
-    bool any = false;
-    bool wanted = false; ///< at least one is enabled
+    std::unique_ptr<ServerThread> server;
+    ClientThread *uplink = nullptr;
+    SerialThread *serial = nullptr;
+
+    /// At least one exists.
+    [[nodiscard]] bool any() const { return server != nullptr || uplink != nullptr || serial != nullptr; }
 };
 
 /// Creates the enabled consumers and starts their threads, in the order TCP server, uplink, serial line.

@@ -33,4 +33,8 @@ struct RunSettings {
     std::string stationIdPrefix;
     std::int32_t interval = 10; ///< seconds between two sentences of one type; 1: no limit
     bool timestamp = false;     ///< gpspipe prefixes every line with a time stamp
+    bool immediate = false;     ///< consumers are woken for messages (Pulse); otherwise they look once a second
+
+    /// At least one consumer is switched on.
+    [[nodiscard]] bool wantsConsumer() const { return serverEnabled || clientEnabled || !serialPort.empty(); }
 };

@@ -1,7 +1,11 @@
 #pragma once
 
-#include "support/Event.h"
+#include "support/Broadcast.h"
 #include "support/Thread.h"
+
+#include <atomic>
+
+class SerialThread;
 
 /// Enforces a requested exit, whatever the main thread is blocked in.
 ///
@@ -10,16 +14,24 @@
 /// finished after five seconds, because a stalled system log blocks it or another thread, ends the process with
 /// status 0.
 ///
-/// Owned by main from the start of the consumers on. REQUIRES: destroyed only after an exit request.
+/// Main starts it before the first log line and owns it. From then on it needs no memory.
 class StopThread : public KAV::Thread {
 public:
     /// Starts the thread. Errors: as KAV::Thread::start.
     StopThread();
-    /// Ends the thread. It is not cancelled: it may be looking for gpspipe in /proc at this moment.
+    /// Ends the thread, whether or not an exit was requested. It is not cancelled: it may be looking for gpspipe in
+    /// /proc at this moment.
     ~StopThread() override;
 
     void execute() override;
 
+    /// The serial line whose output is discarded before the process is ended. Thread: main. `line` may be null.
+    void holdBack(SerialThread *line) { serial = line; }
+
 private:
-    KAV::Event finished; ///< main has come to its end
+    void awaitExit() const;
+    [[nodiscard]] bool isMainFinished(std::chrono::seconds longest) const;
+
+    KAV::Broadcast mainFinished;
+    std::atomic<SerialThread *> serial{nullptr}; ///< not owned
 };

@@ -1,6 +1,5 @@
 #include "app/commandLine.h"
 
-#include "nmea/Observer.h"
 #include "nmea/sentence.h"
 #include "support/Logger.h"
 #include "support/wipe_string.h"
@@ -123,12 +122,6 @@ void setInterval(RunSettings &settings, char *value)
     settings.interval = static_cast<std::int32_t>(std::strtoul(value, nullptr, 0));
 }
 
-template <bool RunSettings::*field, bool on>
-void setFlag(RunSettings &settings, char * /*value*/)
-{
-    settings.*field = on;
-}
-
 template <std::string RunSettings::*field>
 void setText(RunSettings &settings, char *value)
 {
@@ -149,70 +142,79 @@ void setPort(RunSettings &settings, char *value)
     settings.*field = static_cast<std::uint16_t>(numberOf(value));
 }
 
-template <SentenceType type, bool on>
-void setSwitch(RunSettings & /*settings*/, char * /*value*/)
+template <bool RunSettings::*field>
+void setFlag(RunSettings &settings, bool on)
+{
+    settings.*field = on;
+}
+
+void setHwFlow(RunSettings &settings, bool on) { settings.serialHwFlow = on ? CRTSCTS : 0; }
+
+template <SentenceType type>
+void setSentence(RunSettings & /*settings*/, bool on)
 {
     filterOf(type).enabled = on;
 }
 
-template <bool on>
-void setImmediate(RunSettings & /*settings*/, char * /*value*/)
-{
-    immediateDelivery = on;
-}
+struct Switch {
+    std::string_view on;
+    std::string_view off; ///< empty: it cannot be switched off
+    void (*set)(RunSettings &settings, bool on);
+};
 
-struct Option {
+/// In the order of the usage text, which does not name the last.
+constexpr std::array switches{
+    Switch{"--daemonize", "--no-daemonize", setFlag<&RunSettings::daemonize>},
+    Switch{"--timestamp", "--no-timestamp", setFlag<&RunSettings::timestamp>},
+    Switch{"--server", "--no-server", setFlag<&RunSettings::serverEnabled>},
+    Switch{"--client", "--no-client", setFlag<&RunSettings::clientEnabled>},
+    Switch{"--hwflow", "", setHwFlow},
+    Switch{"--rs485", "", setFlag<&RunSettings::serialRs485>},
+    Switch{"--gga", "--no-gga", setSentence<SentenceType::GGA>},
+    Switch{"--gsa", "--no-gsa", setSentence<SentenceType::GSA>},
+    Switch{"--gsv", "--no-gsv", setSentence<SentenceType::GSV>},
+    Switch{"--gll", "--no-gll", setSentence<SentenceType::GLL>},
+    Switch{"--rmc", "--no-rmc", setSentence<SentenceType::RMC>},
+    Switch{"--vtg", "--no-vtg", setSentence<SentenceType::VTG>},
+    Switch{"--zda", "--no-zda", setSentence<SentenceType::ZDA>},
+    Switch{"--gbs", "--no-gbs", setSentence<SentenceType::GBS>},
+    Switch{"-e", "", setFlag<&RunSettings::logToStderr>},
+    Switch{"--immediate", "--no-immediate", setFlag<&RunSettings::immediate>},
+};
+
+/// Takes the next argument as its value, whatever that looks like; if there is none, the option is ignored.
+struct ValueOption {
     std::string_view name;
-    bool takesValue; ///< the next argument, whatever it looks like; if there is none, the option is ignored
-    void (*apply)(RunSettings &settings, char *value);
+    void (*set)(RunSettings &settings, char *value);
 };
 
-constexpr std::array options{
-    Option{"--loglevel", true, setLogLevel},
-    Option{"--server", false, setFlag<&RunSettings::serverEnabled, true>},
-    Option{"-e", false, setFlag<&RunSettings::logToStderr, true>},
-    Option{"--no-server", false, setFlag<&RunSettings::serverEnabled, false>},
-    Option{"--rs485", false, setFlag<&RunSettings::serialRs485, true>},
-    Option{"--serial", true, setText<&RunSettings::serialPort>},
-    Option{"--client", false, setFlag<&RunSettings::clientEnabled, true>},
-    Option{"--no-client", false, setFlag<&RunSettings::clientEnabled, false>},
-    Option{"--timestamp", false, setFlag<&RunSettings::timestamp, true>},
-    Option{"--no-timestamp", false, setFlag<&RunSettings::timestamp, false>},
-    Option{"--baud", true, setBaud},
-    Option{"--stopbits", true, setStopBits},
-    Option{"--hwflow", false, [](RunSettings &settings, char *) { settings.serialHwFlow = CRTSCTS; }},
-    Option{"--datalength", true, setDataLength},
-    Option{"--parity", true, setParity},
-    Option{"--server-port", true, setPort<&RunSettings::serverPort>},
-    Option{"--client-port", true, setPort<&RunSettings::clientPort>},
-    Option{"--server-passwd", true, setSecret<&RunSettings::serverPassword>},
-    Option{"--client-passwd", true, setSecret<&RunSettings::clientPassword>},
-    Option{"--client-protocol", true, setClientProtocol},
-    Option{"--client-remote-host", true, setText<&RunSettings::clientRemoteHost>},
-    Option{"--id-prefix", true, setText<&RunSettings::stationIdPrefix>},
-    Option{"--id", true, setText<&RunSettings::stationId>},
-    Option{"--interval", true, setInterval},
-    Option{"--gga", false, setSwitch<SentenceType::GGA, true>},
-    Option{"--no-gga", false, setSwitch<SentenceType::GGA, false>},
-    Option{"--rmc", false, setSwitch<SentenceType::RMC, true>},
-    Option{"--no-rmc", false, setSwitch<SentenceType::RMC, false>},
-    Option{"--gsa", false, setSwitch<SentenceType::GSA, true>},
-    Option{"--no-gsa", false, setSwitch<SentenceType::GSA, false>},
-    Option{"--zda", false, setSwitch<SentenceType::ZDA, true>},
-    Option{"--no-zda", false, setSwitch<SentenceType::ZDA, false>},
-    Option{"--gbs", false, setSwitch<SentenceType::GBS, true>},
-    Option{"--no-gbs", false, setSwitch<SentenceType::GBS, false>},
-    Option{"--gll", false, setSwitch<SentenceType::GLL, true>},
-    Option{"--no-gll", false, setSwitch<SentenceType::GLL, false>},
-    Option{"--gsv", false, setSwitch<SentenceType::GSV, true>},
-    Option{"--no-gsv", false, setSwitch<SentenceType::GSV, false>},
-    Option{"--vtg", false, setSwitch<SentenceType::VTG, true>},
-    Option{"--no-vtg", false, setSwitch<SentenceType::VTG, false>},
-    Option{"--immediate", false, setImmediate<true>},
-    Option{"--no-immediate", false, setImmediate<false>},
-    Option{"--daemonize", false, setFlag<&RunSettings::daemonize, true>},
-    Option{"--no-daemonize", false, setFlag<&RunSettings::daemonize, false>},
+/// In the order of the usage text.
+constexpr std::array valueOptions{
+    ValueOption{"--server-port", setPort<&RunSettings::serverPort>},
+    ValueOption{"--server-passwd", setSecret<&RunSettings::serverPassword>},
+    ValueOption{"--client-protocol", setClientProtocol},
+    ValueOption{"--client-remote-host", setText<&RunSettings::clientRemoteHost>},
+    ValueOption{"--client-port", setPort<&RunSettings::clientPort>},
+    ValueOption{"--client-passwd", setSecret<&RunSettings::clientPassword>},
+    ValueOption{"--serial", setText<&RunSettings::serialPort>},
+    ValueOption{"--baud", setBaud},
+    ValueOption{"--datalength", setDataLength},
+    ValueOption{"--parity", setParity},
+    ValueOption{"--stopbits", setStopBits},
+    ValueOption{"--id", setText<&RunSettings::stationId>},
+    ValueOption{"--id-prefix", setText<&RunSettings::stationIdPrefix>},
+    ValueOption{"--interval", setInterval},
+    ValueOption{"--loglevel", setLogLevel},
 };
+
+/// Applies `argument` if it is a switch. An opposite that does not exist matches nothing.
+void applySwitch(RunSettings &settings, std::string_view argument)
+{
+    for (const Switch &row : switches) {
+        if (argument == row.on || (argument == row.off && !row.off.empty()))
+            row.set(settings, argument == row.on);
+    }
+}
 
 } // namespace
 
@@ -234,13 +236,11 @@ RunSettings parseCommandLine(int argc, char *argv[])
     RunSettings settings;
     for (int index = 1; index < argc; ++index) {
         const std::string_view argument(argv[index]);
-        const auto *const option = std::find_if(options.begin(), options.end(),
-                                                [argument](const Option &row) { return row.name == argument; });
-        if (option == options.end() || (option->takesValue && index + 1 == argc))
-            continue;
-        if (option->takesValue)
-            ++index;
-        option->apply(settings, argv[index]);
+        applySwitch(settings, argument);
+        const auto *const option = std::find_if(valueOptions.begin(), valueOptions.end(),
+                                                [argument](const ValueOption &row) { return row.name == argument; });
+        if (option != valueOptions.end() && index + 1 < argc)
+            option->set(settings, argv[++index]);
     }
     return settings;
 }

@@ -3,9 +3,7 @@
 #include "nmea/gpspipe.h"
 #include "support/Descriptor.h"
 #include "support/Logger.h"
-#include "support/Thread.h"
 #include "support/exitRequested.h"
-#include "support/guards.h"
 
 #include <array>
 #include <cerrno>
@@ -13,9 +11,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
+#include <execinfo.h>
 #include <fcntl.h>
 #include <malloc.h>
-#include <memory>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -57,18 +56,23 @@ void raiseDescriptorLimit()
     }
 }
 
-/// Cancels itself once to load the code that unwinds a cancelled thread (libgcc_s): if glibc had to load it while out
-/// of memory, it would abort the process. The shield keeps the cancellation from taking effect.
-class Rehearsal : public KAV::Thread {
-public:
-    Rehearsal() : KAV::Thread("navtwine rehearsal", true) { KAV::Thread::start(); }
-    ~Rehearsal() override { KAV::Thread::wait(); }
-    void execute() override
-    {
-        const KAV::CancelShield shield;
-        KAV::Thread::cancel();
-    }
-};
+/// Loads the code that unwinds a cancelled thread (libgcc_s): if glibc had to load it while out of memory, it would
+/// abort the process. backtrace(3) uses the same code.
+void loadUnwinder()
+{
+    void *frame = nullptr;
+    ::backtrace(&frame, 1);
+}
+
+/// Last resort for an exception that nothing catches: during start-up, lack of memory. A supervisor can try again.
+[[noreturn]] void endOnException()
+{
+    KAV_LOG(ERROR, "out of memory, or an unexpected error: the program ends\n");
+    endProcess(EXIT_FAILURE);
+}
+
+/// Runs before the constructors of other files, which need memory as well.
+[[gnu::constructor(101)]] void installLastResort() { std::set_terminate(endOnException); }
 
 } // namespace
 
@@ -87,8 +91,7 @@ void prepareProcess()
     openStandardStreams();
     raiseDescriptorLimit();
     createExitEvent();
-    beforeProcessEnds(endGpspipeForGood);
-    const std::unique_ptr<Rehearsal> ended(KAV::startWorker<Rehearsal>());
+    loadUnwinder();
     // Messages are small and short-lived; one arena per thread would only waste memory.
     ::mallopt(M_ARENA_MAX, 1);
 }

@@ -8,8 +8,8 @@
 /// SA_RESTART, so that a signal interrupts a blocked read of the main thread. Other signals keep their default actions.
 void installSignalHandlers();
 
-/// Sets up what all threads share: open standard streams, the descriptor limit, the exit event, the action before a
-/// forced end, the thread unwinder, and a single malloc arena.
+/// Sets up what all threads share: open standard streams, the descriptor limit, the exit event, the thread unwinder,
+/// and a single malloc arena.
 void prepareProcess();
 
 /// Selects the log's destination and threshold. Without a system log, falls back to standard error and logs that.

@@ -1,5 +1,7 @@
 #include "net/Arrivals.h"
 
+#include "net/reserve.h"
+#include "nmea/shortage.h"
 #include "support/Logger.h"
 #include "support/Thread.h"
 #include "support/exitRequested.h"
@@ -10,7 +12,6 @@
 #include <chrono>
 #include <malloc.h>
 #include <poll.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 using KAV::Descriptor;
@@ -32,9 +33,6 @@ constexpr int gatherStep = 5; ///< milliseconds
 constexpr std::size_t mostTaken = 1024;
 constexpr auto gatherTime = 100ms;
 
-/// Two for the pipe of the next gpspipe, two for the uplink's socket and resolver.
-constexpr rlim_t reservedDescriptors = 4;
-
 /// True when `accept` would probably fail again immediately.
 bool isPersistent(int error) { return error != EINTR && error != EAGAIN && error != ECONNABORTED; }
 
@@ -49,20 +47,6 @@ bool isClientWaiting(int listener, int milliseconds)
     return false;
 }
 
-/// Opens and closes a socket to test whether `accept` would get a descriptor; otherwise false, with `errno` set.
-bool isDescriptorFree()
-{
-    const Descriptor trial(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (!trial.isOpen())
-        return false;
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 ||
-        static_cast<rlim_t>(trial.get()) + reservedDescriptors < limit.rlim_cur)
-        return true;
-    errno = EMFILE;
-    return false;
-}
-
 /// Waits for a free descriptor. False when an exit was requested first.
 bool awaitDescriptor()
 {
@@ -71,6 +55,7 @@ bool awaitDescriptor()
             return true;
         if (!reported)
             KAV_LOG_ERRNO("no client is accepted until a descriptor is free: error code: %d : %s\n");
+        reportShortage();
         KAV::Thread::sleep(retryPause);
     }
     return false;
@@ -105,8 +90,11 @@ bool Arrivals::awaitClient() const
 void Arrivals::takeUntilPause(int pause)
 {
     const auto end = std::chrono::steady_clock::now() + gatherTime;
-    while (taken.size() < mostTaken && isClientWaiting(listener.get(), pause) && isDescriptorFree() && takeOne() &&
-           std::chrono::steady_clock::now() < end) {
+    while (taken.size() < mostTaken && std::chrono::steady_clock::now() < end) {
+        if (!isClientWaiting(listener.get(), pause) || !isDescriptorFree())
+            return;
+        if (!takeOne())
+            return;
     }
 }
 

@@ -5,6 +5,7 @@
 #include "support/Logger.h"
 
 #include <cerrno>
+#include <poll.h>
 #include <sys/socket.h>
 
 namespace {
@@ -23,6 +24,7 @@ ClientHandlerThread::ClientHandlerThread(KAV::Descriptor _socketDescriptor, cons
       password(_password)
 {
     queueLock = new KAV::Lock;
+    deleteAtEnd();
     KAV_LOG(INFO, "A remote client is trying to connect.\n");
     KAV::Thread::start();
 }
@@ -41,37 +43,15 @@ void ClientHandlerThread::execute()
     wipe_string(password);
     if (admitted) {
         subject->attach(this);
-        deliverUntilExit([this](const std::string &batch) { return sendToClient(batch); });
+        deliverUntilExit([this](const std::string &batch) { return sendToClient(batch); },
+                         [this] { return hasClientLeft(); });
     } else {
         KAV_LOG(ERROR, "failed to login.\n");
     }
     socketDescriptor.reset();
 }
 
-bool ClientHandlerThread::login()
-{
-    for (unsigned int failed = 0; maxLoginAttempts == 0 || failed < maxLoginAttempts; ++failed) {
-        if (!handshake::sendLine(socketDescriptor.get(), "PASSWORD\r\n")) {
-            KAV_LOG_ERRNO("send() of [PASSWORD_PROMPT] failed with error code: %d : %s\n");
-            return false;
-        }
-        handshake::Line answer;
-        if (!answer.receive(socketDescriptor.get())) {
-            KAV_LOG(ERROR, "read_line_from_socket() failed or timed out\n");
-            return false;
-        }
-        if (answer.is(password)) {
-            if (handshake::sendLine(socketDescriptor.get(), "OK\r\n")) {
-                KAV_LOG(INFO, "successfully logged in!\n");
-                return true;
-            }
-            KAV_LOG_ERRNO("send() of [PASSWORD_OK] failed with error code: %d : %s\n");
-        } else if (!handshake::sendLine(socketDescriptor.get(), "ERROR\r\n")) {
-            KAV_LOG_ERRNO("send() of [PASSWORD_WRONG] failed with error code: %d : %s\n");
-        }
-    }
-    return false;
-}
+bool ClientHandlerThread::login() { return handshake::admit(socketDescriptor.get(), password, maxLoginAttempts); }
 
 /// False when the client is unreachable. Data that could not be sent is dropped in any case.
 bool ClientHandlerThread::sendToClient(const std::string &data) const
@@ -85,4 +65,14 @@ bool ClientHandlerThread::sendToClient(const std::string &data) const
         return true;
     KAV_LOG(INFO, "client is unreachable - disconnecting socket\n");
     return false;
+}
+
+/// True when the client has closed its side, or both. One that has closed its side may still read.
+bool ClientHandlerThread::hasClientLeft() const
+{
+    pollfd connection{socketDescriptor.get(), POLLRDHUP, 0};
+    if (::poll(&connection, 1, 0) <= 0)
+        return false;
+    KAV_LOG(INFO, "client is unreachable - disconnecting socket\n");
+    return true;
 }

@@ -10,7 +10,7 @@
 class nmeaDataSubject;
 
 /// One accepted TCP client: logs it in, then streams every message that arrives afterwards. Reads nothing after the
-/// login. Created with `new` by the server; deletes itself when its body has ended (Observer).
+/// login. Created with `new` by the server; its thread deletes it when its body has ended.
 class ClientHandlerThread : public Observer {
 public:
     /// Starts the thread. `_password` empty: no login. `_maxLoginAttempts` 0: no limit.
@@ -21,12 +21,12 @@ public:
 
     void execute() override;
 
-    /// The listening side of the handshake. True when the client knew the password and `OK` was sent. Takes at most a
-    /// little over 30 s per attempt. REQUIRES: a password is set.
+    /// The listening side of the handshake (handshake::admit). REQUIRES: a password is set.
     [[nodiscard]] bool login();
 
 private:
     [[nodiscard]] bool sendToClient(const std::string &data) const;
+    [[nodiscard]] bool hasClientLeft() const;
 
     nmeaDataSubject *subject;         ///< not owned
     KAV::Descriptor socketDescriptor; ///< closed at the end of the body

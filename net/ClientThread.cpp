@@ -130,8 +130,7 @@ Descriptor ClientThread::connect_to_host() const
     if (type == SOCK_STREAM) {
         limitSendBuffer(connection.get());
         giveUpDeadPeer(connection.get());
-        if (immediateDelivery)
-            sendAtOnce(connection.get());
+        disableNagle(connection.get());
     }
     logAddress(peer.sin_addr);
     if (::connect(connection.get(), reinterpret_cast<const sockaddr *>(&peer), sizeof peer) != 0) {
@@ -142,32 +141,4 @@ Descriptor ClientThread::connect_to_host() const
     return connection;
 }
 
-bool ClientThread::authentificate() const
-{
-    handshake::Line line;
-    if (!line.receive(socketDescriptor.get())) {
-        KAV_LOG(ERROR, "client authentificate:read_line_from_socket() failed or timed out while listening for a "
-                       "[PASSWORD PROMPT] message\n");
-        return false;
-    }
-    if (!line.is("PASSWORD")) {
-        KAV_LOG(ERROR, "client authentificate:did not receive [PASSWORD PROMPT] from the server. Received data = %s\n",
-                line.raw());
-        return false;
-    }
-    if (!handshake::sendSecret(socketDescriptor.get(), password)) {
-        KAV_LOG_ERRNO("client authentificate:send() of [PASSWORD SECRET] failed : error code = %d : %s\n");
-        return false;
-    }
-    if (!line.receive(socketDescriptor.get())) {
-        KAV_LOG(ERROR, "client authentificate:read_line_from_socket() failed or timed out while listening for a "
-                       "[PASSWORD OK] message\n");
-        return false;
-    }
-    if (!line.is("OK")) {
-        KAV_LOG(ERROR, "client authentificate:did not receive [PASSWORD OK] from the server. Received data = %s\n",
-                line.raw());
-        return false;
-    }
-    return true;
-}
+bool ClientThread::authentificate() const { return handshake::logIn(socketDescriptor.get(), password); }

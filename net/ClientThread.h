@@ -10,8 +10,8 @@
 class nmeaDataSubject;
 
 /// The uplink: connects to one remote collector over TCP or UDP, logs in if a password is set, and sends every message;
-/// after any failure it closes the connection and reconnects 30 s later, indefinitely. Once started it deletes itself
-/// when its body has ended (Observer).
+/// after any failure it closes the connection and reconnects 30 s later, indefinitely. Main keeps it to the end of the
+/// process.
 class ClientThread : public Observer {
 public:
     /// Starts the thread. `_remoteHost` is a name or an IPv4 address, `_port` in host byte order, `_protocol`
@@ -29,8 +29,7 @@ private:
     /// A connected socket; not open, after an ERROR line with the reason, if that failed.
     [[nodiscard]] KAV::Descriptor connect_to_host() const;
 
-    /// The connecting side of the handshake, one attempt: true when the collector accepted the password. Takes at most
-    /// a little over 30 s for each of the two received lines.
+    /// The connecting side of the handshake, one attempt (handshake::logIn).
     [[nodiscard]] bool authentificate() const;
 
     const std::uint32_t retryDelay;   ///< milliseconds from the end of one session to the next attempt

@@ -2,7 +2,9 @@
 
 #include "net/Arrivals.h"
 #include "net/ClientHandlerThread.h"
+#include "net/reserve.h"
 #include "net/socketOptions.h"
+#include "nmea/shortage.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
 
@@ -63,8 +65,7 @@ Descriptor ServerThread::listenOnPort() const
         return listener;
     }
     limitSendBuffer(listener.get()); // before listen(2): accepted connections inherit it
-    if (immediateDelivery)
-        sendAtOnce(listener.get());
+    disableNagle(listener.get());
     const char *failed = nullptr;
     if (!reuseAddress(listener.get()))
         failed = "setsockopt";
@@ -85,7 +86,16 @@ void ServerThread::serve(Descriptor listener) const
     do {
         KAV_LOG(INFO, "waiting for client connections...\n");
         Descriptor connection = arrivals.next();
-        if (connection.isOpen()) // the handler deletes itself
-            static_cast<void>(KAV::startWorker<ClientHandlerThread>(std::move(connection), password, maxLoginAttempts));
+        if (connection.isOpen())
+            startHandler(std::move(connection));
     } while (exitRequested == 0);
+}
+
+/// Closes the connection when there is no thread for it.
+void ServerThread::startHandler(Descriptor connection) const
+{
+    // The handler deletes itself.
+    if (!areTasksFree() ||
+        KAV::startWorker<ClientHandlerThread>(std::move(connection), password, maxLoginAttempts) == nullptr)
+        reportShortage();
 }

@@ -23,6 +23,7 @@ public:
 private:
     [[nodiscard]] KAV::Descriptor listenOnPort() const;
     void serve(KAV::Descriptor listener) const;
+    void startHandler(KAV::Descriptor connection) const;
 
     std::uint16_t port;
     std::uint16_t maxLoginAttempts;

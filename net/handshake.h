@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <string>
 
 /// Reads one line from a connected socket into `buffer`, byte by byte, so that nothing after the line is consumed.
@@ -12,39 +11,20 @@
 /// Thread: the socket's own. REQUIRES: `bufferSize` is at least 1.
 int read_line_from_socket(int socketDescriptor, char *buffer, unsigned int bufferSize, unsigned int timeoutSeconds);
 
-/// Shared by both sides of the password handshake: lines of clear text, terminated by CR LF:
+/// The password handshake, in lines of clear text that end in CR LF:
 ///
-///     listening side:  PASSWORD\r\n
-///     connecting side: (the password)\r\n
-///     listening side:  OK\r\n, or ERROR\r\n and the prompt again
+///     listening side:  PASSWORD
+///     connecting side: (the password)
+///     listening side:  OK, or ERROR and the prompt again
+///
+/// Each side logs why it failed. Every received line may take a little over 30 s. Thread: the socket's own.
 namespace handshake {
 
-constexpr unsigned int lineSize = 256;      ///< bytes, including the terminating NUL
-constexpr unsigned int timeoutSeconds = 30; ///< per received line
+/// The listening side. True when the peer knew `password` and `OK` was sent. `maxAttempts` 0: no limit.
+/// REQUIRES: `password` is not empty.
+[[nodiscard]] bool admit(int socketDescriptor, const std::string &password, unsigned int maxAttempts);
 
-/// One received line. Wiped on destruction, since it may contain a password.
-class Line {
-public:
-    Line() = default;
-    Line(const Line &) = delete;
-    Line &operator=(const Line &) = delete;
-    ~Line();
-
-    /// Reads the peer's next line; false on a time-out or a failed connection.
-    [[nodiscard]] bool receive(int socketDescriptor);
-    /// True when the line, stripped of CR and LF, equals `text`.
-    [[nodiscard]] bool is(const std::string &text) const;
-    /// The line as received, without its "\n".
-    [[nodiscard]] const char *raw() const { return bytes.data(); }
-
-private:
-    std::array<char, lineSize> bytes{};
-};
-
-/// Sends `line` with one send(2); false, with `errno` set, if that failed. A short send counts as success.
-[[nodiscard]] bool sendLine(int socketDescriptor, const std::string &line);
-
-/// Like `sendLine`, for `password` plus the line end; the copy that this needs is wiped.
-[[nodiscard]] bool sendSecret(int socketDescriptor, const std::string &password);
+/// The connecting side, one attempt. True when the peer accepted `password`.
+[[nodiscard]] bool logIn(int socketDescriptor, const std::string &password);
 
 } // namespace handshake

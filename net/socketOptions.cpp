@@ -22,7 +22,7 @@ void set(int socketDescriptor, int level, int option, int value)
 
 void limitSendBuffer(int socketDescriptor) { set(socketDescriptor, SOL_SOCKET, SO_SNDBUF, sendBufferBytes); }
 
-void sendAtOnce(int socketDescriptor) { set(socketDescriptor, IPPROTO_TCP, TCP_NODELAY, 1); }
+void disableNagle(int socketDescriptor) { set(socketDescriptor, IPPROTO_TCP, TCP_NODELAY, 1); }
 
 void giveUpDeadPeer(int socketDescriptor)
 {

@@ -9,7 +9,7 @@ void limitSendBuffer(int socketDescriptor);
 
 /// Lets a TCP socket send small segments before earlier ones are acknowledged (TCP_NODELAY, tcp(7)), which accepted
 /// connections inherit. Otherwise a second message can wait 40 ms or more for the peer's delayed acknowledgement.
-void sendAtOnce(int socketDescriptor);
+void disableNagle(int socketDescriptor);
 
 /// Makes sends on a connected TCP socket fail after five minutes without an acknowledgement (TCP_USER_TIMEOUT, tcp(7));
 /// keep-alive probes do the same for an idle connection (SO_KEEPALIVE, socket(7)). The kernel's defaults are some 15

@@ -1,58 +1,45 @@
 #include "nmea/Observer.h"
 
+#include "nmea/Pulse.h"
+#include "nmea/shortage.h"
 #include "support/exitRequested.h"
 #include "support/guards.h"
 
 #include <algorithm>
-#include <chrono>
-#include <utility>
 
 namespace {
-
-constexpr std::uint32_t mailboxSize = 11;          ///< messages
-constexpr std::uint32_t immediateMailboxSize = 64; ///< messages: two epochs of a receiver with all constellations
 
 /// Bytes that a free slot may keep allocated: eleven huge GSV groups must not stay in memory.
 constexpr std::size_t keptBytes = 1024;
 
-/// After its first message a consumer waits this long for the rest of the epoch, so that it goes out in one send...
-constexpr std::chrono::milliseconds gatherTime{5};
-/// ...unless this many messages have arrived.
-constexpr std::uint32_t enoughMessages = immediateMailboxSize / 2;
-
 } // namespace
 
-bool immediateDelivery = false;
-
-Observer::Observer(const std::string &threadName) : KAV::Thread(threadName, false) {}
+Observer::Observer(const std::string &threadName, std::uint32_t _mailbox)
+    : KAV::Thread(threadName, false),
+      mailbox(pulse != nullptr ? _mailbox : defaultMailbox)
+{
+}
 
 Observer::~Observer() = default;
 
 void Observer::update(const std::string &message)
 {
-    bool isAwaited = false;
     // A message that cannot be copied is dropped.
-    static_cast<void>(KAV::ifMemoryAllows([&] { isAwaited = append(message); }));
-    if (isAwaited)
-        arrived.notify();
+    static_cast<void>(KAV::ifMemoryAllows([&] { append(message); }));
 }
 
-void Observer::wake() { arrived.notify(); }
-
-/// True when `awaitMessages` may be waiting for this message.
-bool Observer::append(const std::string &message)
+void Observer::append(const std::string &message)
 {
     const KAV::Hold hold(*queueLock);
-    if (waiting == (immediateDelivery ? immediateMailboxSize : mailboxSize)) {
+    if (waiting == mailbox) {
         queue[oldest] = message;
         oldest = (oldest + 1) % static_cast<std::uint32_t>(queue.size());
-        return false;
+        return;
     }
     if (waiting == queue.size())
         queue.emplace_back();
     queue[waiting] = message;
     ++waiting;
-    return waiting == awaited;
 }
 
 std::string Observer::getData()
@@ -69,49 +56,29 @@ std::string Observer::getData()
         if (queue[at].capacity() > keptBytes)
             queue[at] = std::string();
     }
-    if (queue.size() > mailboxSize)
-        queue.resize(mailboxSize); // frees what a burst needed
+    if (queue.size() > defaultMailbox)
+        queue.resize(defaultMailbox); // frees what a burst needed
     waiting = 0;
     oldest = 0;
     return all;
 }
 
-void Observer::deliverUntilExit(const std::function<bool(const std::string &batch)> &deliver)
+void Observer::deliverUntilExit(const Deliver &deliver, const IsAbandoned &isAbandoned)
 {
     constexpr unsigned int idlePause = 1000; // milliseconds
+    std::uint32_t beat = 0;
+    bool wasTaken = false; // no wait before the first look: a message may have come since the observer was attached
     while (exitRequested == 0) {
-        if (immediateDelivery)
-            awaitMessages();
+        if (pulse != nullptr && wasTaken)
+            pulse->awaitBeat(beat);
+        if (pulse != nullptr)
+            beat = pulse->lastBeat(); // before the look into the mailbox: no message is missed
         std::string batch;
         // Without memory for the joined text the messages stay in the mailbox.
-        const bool joined = KAV::ifMemoryAllows([&] { batch = getData(); });
-        if (!batch.empty()) {
-            if (!deliver(batch))
-                return;
-        } else if (!joined || !immediateDelivery) {
+        wasTaken = KAV::ifMemoryAllows([&] { batch = getData(); });
+        if (batch.empty() ? isShort() && isAbandoned() : !deliver(batch))
+            return;
+        if (!wasTaken || (batch.empty() && pulse == nullptr))
             KAV::Thread::sleep(idlePause);
-        }
     }
-}
-
-/// Blocks until there are messages and the rest of their epoch had time to arrive, or until an exit is requested.
-///
-/// When enough have come before that time was over, more are expected: the next call does without the wake-up for the
-/// first message, which would slow down the reader most when it has most to read. It may end without a message.
-void Observer::awaitMessages()
-{
-    while (!moreExpected && !hasMessages(1) && exitRequested == 0)
-        arrived.wait();
-    const auto end = std::chrono::steady_clock::now() + gatherTime;
-    moreExpected = true;
-    while (moreExpected && !hasMessages(enoughMessages) && exitRequested == 0)
-        moreExpected = arrived.waitUntil(end);
-}
-
-/// False when fewer than `count` messages are waiting; then `update` notifies `arrived` as soon as there are as many.
-bool Observer::hasMessages(std::uint32_t count)
-{
-    const KAV::Hold hold(*queueLock);
-    awaited = count;
-    return waiting >= count;
 }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include "support/AutoPtr.h"
-#include "support/Event.h"
 #include "support/Lock.h"
 #include "support/Thread.h"
 
@@ -10,24 +9,24 @@
 #include <functional>
 #include <string>
 
-/// Whether a message wakes the consumers (option --immediate). Otherwise they look once a second. One setting for the
-/// process. Thread: written by main before the first consumer starts.
-extern bool immediateDelivery;
-
 /// Base of every consumer: a thread with a bounded mailbox.
 ///
 /// A derived class sets `queueLock` in its constructor, attaches itself to the subject when it is ready to send,
-/// takes its messages with `getData`, and detaches itself in its destructor. Deleted by the library, on the observer's
-/// own thread, once `execute` has returned (KAV::Thread, flag false).
+/// takes its messages with `getData`, and detaches itself in its destructor.
 class Observer : public KAV::Thread {
 public:
-    /// `threadName` as for KAV::Thread.
-    explicit Observer(const std::string &threadName);
+    /// Messages that a mailbox holds.
+    static constexpr std::uint32_t defaultMailbox = 11;
+    static constexpr std::uint32_t immediateMailbox = 64; ///< two epochs of a receiver with all constellations
+
+    /// `threadName` as for KAV::Thread. `_mailbox`: messages that the mailbox holds with --immediate; without it
+    /// `defaultMailbox`.
+    explicit Observer(const std::string &threadName, std::uint32_t _mailbox = immediateMailbox);
     /// Queued messages are dropped.
     ~Observer() override = 0;
 
-    /// Appends a copy of `message`; a full mailbox (11 messages, with `immediateDelivery` 64) silently drops its oldest
-    /// message first. Out of memory, `message` is dropped instead.
+    /// Appends a copy of `message`; a full mailbox silently drops its oldest message first. Out of memory, `message` is
+    /// dropped instead.
     ///
     /// Thread: main, from the subject's `notify`, with the subject's lock held; must not call the subject. Locks:
     /// `queueLock`. Never blocks on output.
@@ -39,32 +38,34 @@ public:
     /// the messages still queued.
     [[nodiscard]] std::string getData();
 
-    /// Ends the wait for a message, so that `exitRequested` is seen. Any thread. Locks: none.
-    void wake();
-
     void execute() override = 0;
 
 protected:
-    /// Passes each batch of queued messages to `deliver` until `exitRequested` is set or `deliver` returns false. With
-    /// an empty queue, looks again after one second, or, with `immediateDelivery`, sleeps until a message arrives.
-    /// Without memory for the batch, retries after one second.
+    /// Sends one batch of messages; false ends the delivery.
+    using Deliver = std::function<bool(const std::string &batch)>;
+    /// True when nobody receives any more; ends the delivery.
+    using IsAbandoned = std::function<bool()>;
+
+    /// Passes each batch of queued messages to `deliver` until `exitRequested` is set or one of the two says so. With
+    /// an empty queue, waits for one second or, with --immediate, for the next beat of the pulse. While `isShort`, an
+    /// empty queue is when `isAbandoned` is asked. Without memory for the batch, retries after one second.
     ///
-    /// Thread: the observer's own. Locks: none while `deliver` runs.
-    void deliverUntilExit(const std::function<bool(const std::string &batch)> &deliver);
+    /// Thread: the observer's own. Locks: none while `deliver` or `isAbandoned` runs.
+    void deliverUntilExit(
+        const Deliver &deliver, const IsAbandoned &isAbandoned = [] { return false; });
+
+private:
+    void append(const std::string &message);
 
     /// The messages, then free slots that keep their memory for later messages: memory that the reader allocates and a
     /// client's thread frees would accumulate in that thread's malloc cache, several KiB per client.
     std::deque<std::string> queue KAV_GUARDED_BY(*queueLock);
-    KAV::AutoPtr<KAV::Lock> queueLock;                    ///< set once, before the thread starts
-    std::uint32_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
-    std::uint32_t oldest KAV_GUARDED_BY(*queueLock) = 0;  ///< index of the oldest; 0 unless the mailbox is full
+
+protected:
+    KAV::AutoPtr<KAV::Lock> queueLock; ///< set once, before the thread starts
 
 private:
-    [[nodiscard]] bool append(const std::string &message);
-    void awaitMessages();
-    [[nodiscard]] bool hasMessages(std::uint32_t count);
-
-    std::uint32_t awaited KAV_GUARDED_BY(*queueLock) = 0; ///< messages that `update` notifies `arrived` at; 0: none
-    bool moreExpected = false; ///< the last batch was enough before its time was over; used by the observer's thread
-    KAV::Event arrived;        ///< as many messages as `awaited`, or an exit request
+    const std::uint32_t mailbox;                          ///< messages that `queue` may hold
+    std::uint32_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
+    std::uint32_t oldest KAV_GUARDED_BY(*queueLock) = 0;  ///< index of the oldest; 0 unless the mailbox is full
 };

@@ -1,5 +1,7 @@
 #include "nmea/gpspipe.h"
 
+#include "nmea/shortage.h"
+#include "support/Descriptor.h"
 #include "support/Logger.h"
 #include "support/Thread.h"
 #include "support/guards.h"
@@ -12,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <memory>
 #include <mutex>
 #include <sys/stat.h>
@@ -33,14 +36,6 @@ struct ClosePipe {
 };
 using Stream = std::unique_ptr<std::FILE, ClosePipe>;
 
-struct CloseFolder {
-    void operator()(DIR *folder) const
-    {
-        const KAV::CancelShield shield;
-        ::closedir(folder);
-    }
-};
-
 /// Starts `command` and records its pipe. Null when it cannot be started.
 Stream start(const char *command)
 {
@@ -53,7 +48,7 @@ Stream start(const char *command)
 }
 
 /// True for a process of our group whose standard output is `pipe`; the group is checked because inode numbers are
-/// reused. Allocates nothing, since it must work without free memory.
+/// reused.
 bool writesTo(const char *pipe, pid_t process)
 {
     std::array<char, 64> link{};
@@ -63,17 +58,24 @@ bool writesTo(const char *pipe, pid_t process)
            std::strcmp(pipe, target.data()) == 0;
 }
 
-/// Sends `signal` to every process that writes to the pipe; returns how many there were.
+/// Sends `signal` to every process that writes to the pipe; returns how many there were. Not with opendir(3), which
+/// needs memory.
 int signalWriters(int signal)
 {
-    const std::unique_ptr<DIR, CloseFolder> processes(::opendir("/proc"));
+    const KAV::Descriptor processes(::open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     std::array<char, 32> pipe{};
     std::snprintf(pipe.data(), pipe.size(), "pipe:[%u]", pipeInode.load());
     int found = 0;
-    while (const dirent *const entry = processes ? ::readdir(processes.get()) : nullptr) {
-        const pid_t process = std::atoi(entry->d_name); // 0 for entries that are not processes
-        if (process > 0 && process != ::getpid() && writesTo(pipe.data(), process) && ::kill(process, signal) == 0)
-            ++found;
+    alignas(dirent64) std::array<char, 2048> entries;
+    ssize_t size = 0;
+    while ((size = ::getdents64(processes.get(), entries.data(), entries.size())) > 0) {
+        for (ssize_t at = 0; at < size;) {
+            const auto *const entry = reinterpret_cast<const dirent64 *>(entries.data() + at);
+            const pid_t process = std::atoi(entry->d_name); // 0 for entries that are not processes
+            if (process > 0 && process != ::getpid() && writesTo(pipe.data(), process) && ::kill(process, signal) == 0)
+                ++found;
+            at += entry->d_reclen;
+        }
     }
     return found;
 }
@@ -88,6 +90,7 @@ int kavGPSGetNMEAStrings(int timestamp, LineCallback callback, int interval, con
     if (!stream) {
         KAV_LOG(ERROR, "kavGPSGetNMEAStrings(): failed to popen stream for reading output of command '%s'\n",
                 command.data());
+        reportShortage();
         return noLine;
     }
 
@@ -115,8 +118,10 @@ void endGpspipe()
     }
 }
 
-void endGpspipeForGood()
+void endProcess(int status)
 {
+    const KAV::CancelShield shield;
     startLock.lock(); // never released: the main thread may be about to start another
     endGpspipe();
+    ::_exit(status);
 }

@@ -19,9 +19,10 @@ int kavGPSGetNMEAStrings(int timestamp, LineCallback callback, int interval, con
 ///
 /// Needed because popen does not return the process ID, and pclose waits for a gpspipe that, with a silent receiver,
 /// does not notice that the pipe is closed.
-/// Any thread. Searches /proc (proc_pid_fd(5)): without it, or once gpspipe has closed its standard output, nothing is
-/// found.
+/// Any thread; needs no memory. Searches /proc (proc_pid_fd(5)): without it, without a descriptor to open it, or once
+/// gpspipe has closed its standard output, nothing is found.
 void endGpspipe();
 
-/// Ends gpspipe and permanently prevents another start; called before the process ends. Any thread.
-void endGpspipeForGood();
+/// Ends gpspipe, then the process at once with `status` (_exit(2)): destructors would destroy objects that other
+/// threads still use. Any thread.
+[[noreturn]] void endProcess(int status);

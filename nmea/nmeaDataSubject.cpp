@@ -1,6 +1,7 @@
 #include "nmea/nmeaDataSubject.h"
 
 #include "nmea/Observer.h"
+#include "nmea/Pulse.h"
 #include "support/Logger.h"
 #include "support/Text.h"
 
@@ -42,16 +43,15 @@ void nmeaDataSubject::detach(Observer *observer)
 
 void nmeaDataSubject::notify(const std::string &message)
 {
-    const KAV::Hold hold(*observersLock);
-    for (Observer *const observer : observers)
-        observer->update(message);
-}
-
-void nmeaDataSubject::wakeAll()
-{
-    const KAV::Hold hold(*observersLock);
-    for (Observer *const observer : observers)
-        observer->wake();
+    bool isAnybodyThere = false;
+    {
+        const KAV::Hold hold(*observersLock);
+        for (Observer *const observer : observers)
+            observer->update(message);
+        isAnybodyThere = !observers.empty();
+    }
+    if (pulse != nullptr && isAnybodyThere)
+        pulse->messageQueued();
 }
 
 bool nmeaDataSubject::collectGSV(const std::string &sentence, std::string &group)

@@ -30,11 +30,8 @@ public:
     /// Removes all registrations of an observer; afterwards its `update` is not called any more. Any thread.
     void detach(Observer *observer);
 
-    /// Passes `message` to every registered observer, in order of registration. Thread: main.
+    /// Passes `message` to every registered observer, in order of registration, and tells the pulse. Thread: main.
     void notify(const std::string &message);
-
-    /// Wakes every registered observer, so that it sees an exit request. Any thread.
-    void wakeAll();
 
     /// Collects one decorated GSV sentence. True when it completes its group (its second and third comma-separated
     /// fields are equal); `group` then holds all sentences collected so far, otherwise it is empty.

@@ -9,6 +9,7 @@ using namespace std::string_view_literals;
 constexpr std::array<std::string_view, sentenceTypeCount> typeNames{
     "GGA"sv, "RMC"sv, "GSA"sv, "ZDA"sv, "GBS"sv, "GLL"sv, "GSV"sv, "VTG"sv,
 };
+static_assert(!typeNames.back().empty(), "every type has its name");
 constexpr std::size_t keyLength = 5;
 
 /// The row of the key at the start of `text`; `typeNames.size()` if there is none.

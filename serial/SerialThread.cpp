@@ -1,48 +1,34 @@
 #include "serial/SerialThread.h"
 
+#include "nmea/Pulse.h"
+#include "nmea/gpspipe.h"
 #include "nmea/nmeaDataSubject.h"
 #include "serial/write_all.h"
 #include "support/Logger.h"
-#include "support/exitRequested.h"
 #include "support/guards.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/serial.h>
-#include <mutex>
 #include <sys/ioctl.h>
 #include <utility>
 
 namespace {
 
-/// The consumer whose body is running, for `endOutput`; null if there is none.
-constinit SerialThread *running = nullptr;
-constinit std::mutex runningLock;
-
-/// Sets `running` until the end of the scope.
-class RunningScope {
-public:
-    explicit RunningScope(SerialThread *body) { set(body); }
-    RunningScope(const RunningScope &) = delete;
-    RunningScope &operator=(const RunningScope &) = delete;
-    ~RunningScope() { set(nullptr); }
-
-private:
-    static void set(SerialThread *body)
-    {
-        const std::lock_guard hold(runningLock);
-        running = body;
-    }
-};
-
-/// Cancels the running consumer. False if there is none; its port is closed then.
-bool cancelRunning()
+/// Messages that a line carries in two seconds, of 80 bytes with 10 bits each: with --immediate no more are kept, so
+/// that what a slow line sends is not old.
+std::uint32_t mailboxFor(speed_t speed)
 {
-    const std::lock_guard hold(runningLock);
-    if (running != nullptr)
-        running->cancel();
-    return running != nullptr;
+    using Row = std::pair<speed_t, std::uint32_t>;
+    constexpr std::array slow{Row{B4800, 4800}, Row{B9600, 9600}, Row{B19200, 19200}};
+    for (const auto &[code, baud] : slow) {
+        if (code == speed)
+            return std::max(baud * 2 / (80 * 10), Observer::defaultMailbox);
+    }
+    return Observer::immediateMailbox;
 }
 
 /// The open port. Discards its pending output before closing: otherwise close(2), or the end of the process, waits up
@@ -64,13 +50,16 @@ void writeBatch(int port, const std::string &batch)
     KAV_LOG(DEBUG, "serial:%s", batch.c_str());
     if (write_all(port, batch.data(), batch.size()) < 0)
         KAV_LOG_ERRNO("serial write() of [NMEA STRING DATA] failed : error code = %d : %s\n");
+    // On a slow line the newest messages go out next, and not what fills the driver's buffer of some seconds.
+    if (pulse != nullptr)
+        ::tcdrain(port);
 }
 
 } // namespace
 
 SerialThread::SerialThread(const std::string &_devicePath, speed_t _speed, std::int16_t _charSize, std::int16_t _parity,
                            std::int16_t _stopBits, tcflag_t _hwFlow, bool _rs485)
-    : Observer("navtwine main serial-thread"),
+    : Observer("navtwine main serial-thread", mailboxFor(_speed)),
       subject(nmeaDataSubject::getInstance()),
       devicePath(_devicePath),
       speed(_speed),
@@ -94,13 +83,12 @@ SerialThread::~SerialThread()
 
 void SerialThread::execute()
 {
-    const RunningScope known(this); // declared first: stays set until the port is closed
     const Port port(openOrEndProcess());
     KAV_LOG(INFO, "serial port opened");
     while (!KAV::ifMemoryAllows([this] { subject->attach(this); }))
         KAV::Thread::sleep(1000);
     configureLine(port.get());
-    chooseStandard(port.get());
+    setRs485Mode(port.get());
     deliverUntilExit([&port](const std::string &batch) {
         writeBatch(port.get(), batch);
         return true; // a failed line may recover
@@ -110,8 +98,10 @@ void SerialThread::execute()
 void SerialThread::endOutput()
 {
     constexpr int rounds = 50; // bounded: a driver may block in close even so
-    for (int round = 0; round < rounds && cancelRunning(); ++round)
+    for (int round = 0; round < rounds && isAlive(); ++round) {
+        KAV::Thread::cancel();
         KAV::Thread::sleep(20);
+    }
 }
 
 KAV::Descriptor SerialThread::openOrEndProcess() const
@@ -137,7 +127,7 @@ void SerialThread::configureLine(int port) const
     ::tcflush(port, TCIOFLUSH);
 }
 
-void SerialThread::chooseStandard(int port) const
+void SerialThread::setRs485Mode(int port) const
 {
     serial_rs485 settings{};
     settings.flags = SER_RS485_RTS_ON_SEND;

@@ -9,8 +9,8 @@
 
 class nmeaDataSubject;
 
-/// The serial consumer: opens one port in raw mode, RS-485 or RS-232, and writes every message to it. Once started it
-/// deletes itself when its body has ended (Observer).
+/// The serial consumer: opens one port in raw mode, RS-485 or RS-232, and writes every message to it. Main keeps it to
+/// the end of the process.
 class SerialThread : public Observer {
 public:
     /// Starts the thread. The settings are bits of termios(3), as in RunSettings. Errors: as KAV::Thread::start.
@@ -21,14 +21,14 @@ public:
 
     void execute() override;
 
-    /// Cancels the running serial consumer, if any, and discards its pending output. Returns once the port is closed,
-    /// or after a second. Thread: main or the stop thread, at shutdown.
-    static void endOutput();
+    /// Ends the body, even in a write that the line holds up, and discards the pending output. Returns once the port is
+    /// closed, or after a second. Thread: main or the stop thread, at shutdown.
+    void endOutput();
 
 private:
     [[nodiscard]] KAV::Descriptor openOrEndProcess() const;
     void configureLine(int port) const;
-    void chooseStandard(int port) const;
+    void setRs485Mode(int port) const;
 
     nmeaDataSubject *subject; ///< not owned
     std::string devicePath;

@@ -39,31 +39,29 @@ private:
 
 } // namespace
 
-/// Records the end of the body, by return or cancellation, and whether the library must delete the object.
+/// Records the end of the body, by return or cancellation.
 class Thread::BodyScope {
 public:
-    BodyScope(Thread &_thread, bool &_libraryDeletes) : thread(_thread), libraryDeletes(_libraryDeletes) {}
+    explicit BodyScope(Thread &_thread) : thread(_thread) {}
     BodyScope(const BodyScope &) = delete;
     BodyScope &operator=(const BodyScope &) = delete;
     ~BodyScope()
     {
         const std::lock_guard hold(thread.state);
-        libraryDeletes = !thread.ownerDeletes && !thread.stopping;
         thread.running = false;
         thread.ended.notify_all();
     }
 
 private:
     Thread &thread;
-    bool &libraryDeletes;
 };
 
-Thread::Thread(const std::string &_name, bool _ownerDeletes) : name(_name), ownerDeletes(_ownerDeletes) {}
+Thread::Thread(const std::string &_name, bool _joinable) : name(_name), joinable(_joinable) {}
 
 Thread::~Thread()
 {
     assert(!isAlive());
-    if (joinable)
+    if (joinable && wasStarted)
         pthread_join(handle, nullptr);
 }
 
@@ -74,8 +72,8 @@ void Thread::start()
         // Held until the members are set: the new thread waits for the lock and may then delete the object.
         const std::lock_guard hold(state);
         error = create();
-        running = error == 0;
-        joinable = running && ownerDeletes;
+        wasStarted = error == 0;
+        running = wasStarted;
     }
     if (error != 0)
         throw std::system_error(error, std::generic_category(), "pthread_create() failed for thread '" + name + "'");
@@ -86,7 +84,7 @@ int Thread::create()
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, stackBytes);
-    pthread_attr_setdetachstate(&attributes, ownerDeletes ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
+    pthread_attr_setdetachstate(&attributes, joinable ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED);
     const SignalsBlocked blocked;
     const int error = pthread_create(&handle, &attributes, &Thread::enter, this);
     pthread_attr_destroy(&attributes);
@@ -97,16 +95,16 @@ void *Thread::enter(void *object)
 {
     auto *const self = static_cast<Thread *>(object);
     self->takeSystemName();
-    bool libraryDeletes = false;
+    const bool deletesItself = self->deletesItself; // afterwards the owner may have deleted the object
     {
-        const BodyScope scope(*self, libraryDeletes);
+        const BodyScope scope(*self);
         try {
             self->execute();
         } catch (const std::exception &error) {
             KAV_LOG(ERROR, "thread '%s' ended early: %s\n", self->name.c_str(), error.what());
         }
     }
-    if (libraryDeletes)
+    if (deletesItself)
         delete self;
     return nullptr;
 }
@@ -125,7 +123,6 @@ void Thread::stop()
     std::unique_lock hold(state);
     if (!running)
         return;
-    stopping = true;
     pthread_cancel(handle);
     ended.wait(hold, [this] { return !running; });
 }

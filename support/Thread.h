@@ -35,14 +35,13 @@ public:
     virtual void start();
 
     /// Cancels the thread and waits until the body has ended; returns at once if it is not running. Called from the
-    /// destructors of derived classes: from here on the caller destroys the object.
+    /// destructors of derived classes.
     virtual void stop();
 
     /// The body.
     virtual void execute() = 0;
 
-    /// Cancels the body without waiting. The library does not delete an object that it owns after that, so this is for
-    /// shutdown only. REQUIRES: the object exists; one owned by the library exists while its body runs.
+    /// Cancels the body without waiting.
     void cancel();
 
     /// Blocks until the body has ended.
@@ -56,9 +55,13 @@ public:
 
 protected:
     /// `_name` appears in log lines and, without a leading "navtwine " and cut to 15 bytes, in `top -H`.
-    /// `_ownerDeletes` true: the creator waits for the object and deletes it. False: once started, the library owns
-    /// the object and deletes it on its own thread as soon as the body has returned; nothing else may access it.
-    Thread(const std::string &_name, bool _ownerDeletes);
+    /// `_joinable` true: the destructor joins the thread. False: the thread is detached, and its object must not be
+    /// deleted while the body runs.
+    Thread(const std::string &_name, bool _joinable);
+
+    /// Makes the thread delete its own object as soon as the body has returned. Nothing else may access the object
+    /// after `start`. Called by the constructor of a worker that is not joinable.
+    void deleteAtEnd() { deletesItself = true; }
 
 private:
     class BodyScope;
@@ -68,14 +71,14 @@ private:
     void takeSystemName() const;
 
     const std::string name;
-    const bool ownerDeletes;
+    const bool joinable;
+    bool deletesItself = false;
     pthread_t handle{};
-    bool joinable = false; ///< pthread_join is still due
 
     mutable std::mutex state; ///< guards the members below
     std::condition_variable ended;
+    bool wasStarted = false;
     bool running = false;
-    bool stopping = false; ///< the caller of `stop` destroys the object, so the library must not
 };
 
 /// Creates a worker, whose constructor starts its thread. Null, after an ERROR line, if the thread cannot be created

@@ -14,13 +14,14 @@ ROWS = (
         server-thr:accept4:0:EMFILE handler:recv:0:EINTR handler:recv:0:EAGAIN handler:send:4:SHORT
         client-thr:setsockopt:0:ENOBUFS client-thr:setsockopt:2:ENOBUFS client-thr:recv:0:EINTR client-thr:send:1:SHORT
         serial:tcgetattr:0:EIO serial:tcsetattr:0:EIO serial:tcflush:0:EIO serial:write:0:EINTR serial:write:0:SHORT
-        stop:opendir:0:EMFILE""", ()),
+        """, ()),
     ("told", "", """
         navtwine:popen:0:EMFILE navtwine:pthread_create:0:EAGAIN server-thr:socket:1:EMFILE
-        server-thr:pthread_create:0:EAGAIN handler:recv:0:ECONNRESET handler:poll:1:ENOMEM serial:ioctl:0:EIO
+        server-thr:pthread_create:0:EAGAIN server-thr:pthread_create:3:EAGAIN handler:recv:0:ECONNRESET handler:poll:1:ENOMEM serial:ioctl:0:EIO
         serial:write:0:EIO""", (
-        "failed to popen stream for reading output of command 'gpspipe -r'\n", "'navtwine rehearsal': Resource ",
-        "no client is accepted until a descriptor is free: error code: 24 : ", "'navtwine client-handler-thread for ",
+        "failed to popen stream for reading output of command 'gpspipe -r'\n", "'navtwine stop-thread': Resource ",
+        "no client is accepted until a descriptor is free: error code: 24 : ", "'navtwine trial'",
+        "'navtwine client-handler-thread for ",
         "ERROR: read_line_from_socket() failed or timed out\nERROR: failed to login.\n",
         "ERROR: RS485 configurating error. errno:5 - ", "ERROR: serial write() of [NMEA STRING DATA] failed : ")),
     ("handshake", "", """
@@ -37,11 +38,11 @@ ROWS = (
         "message above for reason) : retrying login in 30000 ms", "[PASSWORD PROMPT] message\n",
         "[PASSWORD OK] message\n", "[PASSWORD SECRET] failed : error code = 32 : ", "DATA] failed : error code = 11 ")),
     ("threads", "uplink serial", """
-        navtwine:pthread_create:2:EAGAIN navtwine:pthread_create:0:EAGAIN navtwine:pthread_create:0:EAGAIN""", (
-        "'navtwine main client-thread': ", "'navtwine main serial-thread': ", "'navtwine stop-thread': ")),
+        navtwine:pthread_create:2:EAGAIN navtwine:pthread_create:0:EAGAIN""", (
+        "'navtwine main client-thread': ", "'navtwine main serial-thread': ")),
     ("noServer", "server", "navtwine:pthread_create:1:EAGAIN", ("'navtwine main-server-thread': Resource",)),
     ("noSocket", "server", "server-thr:socket:0:EMFILE", ("socket() failed returning invalid descriptor: -1\n",)),
-    ("noReuse", "server", "server-thr:setsockopt:1:ENOMEM", ("ERROR: setsockopt() failed for socket descriptor: ",)),
+    ("noReuse", "server", "server-thr:setsockopt:2:ENOMEM", ("ERROR: setsockopt() failed for socket descriptor: ",)),
     ("noPort", "server", "server-thr:bind:0:EADDRINUSE", ("ERROR: bind() failed for socket descriptor: ",)),
     ("noListener", "server", "server-thr:listen:0:EADDRINUSE", ("ERROR: listen() failed for socket descriptor: ",)),
 )

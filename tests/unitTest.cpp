@@ -1,4 +1,5 @@
 #include "app/commandLine.h"
+#include "nmea/Pulse.h"
 #include "nmea/handleNMEAString.h"
 #include "nmea/sentence.h"
 #include "support/Text.h"
@@ -57,7 +58,7 @@ TEST(parseCommandLine, switchesOnAndOff)
         const std::string end = on ? "" : " --no-server --no-client --no-timestamp --no-daemonize --no-immediate";
         const RunSettings settings = parsed("--server --client --timestamp --daemonize --immediate" + end);
         EXPECT_EQ(std::tuple(settings.serverEnabled, settings.clientEnabled, settings.timestamp, settings.daemonize,
-                             immediateDelivery),
+                             settings.immediate),
                   std::tuple(on, on, on, on, on));
     }
     const std::string types[] = {"GGA", "RMC", "GSA", "ZDA", "GBS", "GLL", "GSV", "VTG"};
@@ -78,7 +79,7 @@ TEST(parseCommandLine, switchesOnAndOff)
 TEST(Observer, keepsTheNewestInOrder)
 {
     for (const int size : {11, 64}) {
-        immediateDelivery = size == 64;
+        pulse = size == 64 ? new Pulse : nullptr; // which is never deleted
         Mailbox mailbox;
         std::string newest;
         for (int message = 0; message < 100; ++message) {
@@ -90,7 +91,7 @@ TEST(Observer, keepsTheNewestInOrder)
         mailbox.update("next");
         EXPECT_EQ(mailbox.getData(), "next");
     }
-    immediateDelivery = false;
+    pulse = nullptr;
 }
 
 TEST(isSentenceDue, countsWholeSeconds)
