@@ -1,6 +1,7 @@
 #include "app/Consumers.h"
 
 #include "nmea/Pulse.h"
+#include "nmea/statistics.h"
 
 namespace {
 
@@ -11,9 +12,12 @@ constexpr std::uint16_t loginAttempts = 3;
 Consumers startConsumers(const RunSettings &settings)
 {
     Consumers consumers;
-    if (settings.serverEnabled)
+    if (settings.serverEnabled) {
         consumers.server.reset(
             KAV::startWorker<ServerThread>(settings.serverPort, settings.serverPassword, loginAttempts));
+        if (!consumers.server)
+            statistics.setState(statistics.server, ConsumerStatistics::FAILS);
+    }
     if (settings.clientEnabled)
         consumers.uplink = KAV::startWorker<ClientThread>(settings.clientRemoteHost, settings.clientPort,
                                                           settings.clientProtocol, settings.clientPassword);

@@ -31,9 +31,11 @@ struct RunSettings {
 
     std::string stationId;
     std::string stationIdPrefix;
-    std::int32_t interval = 10; ///< seconds between two sentences of one type; 1: no limit
-    bool timestamp = false;     ///< gpspipe prefixes every line with a time stamp
-    bool immediate = false;     ///< consumers are woken for messages (Pulse); otherwise they look once a second
+    std::int32_t interval = 10;      ///< seconds between two sentences of one type; 1: no limit
+    bool timestamp = false;          ///< gpspipe prefixes every line with a time stamp
+    std::int32_t statusInterval = 0; ///< seconds between two status lines; 0: none
+    bool strict = false;             ///< what would be ignored or bent is an error
+    bool immediate = false;          ///< consumers are woken for messages (Pulse); otherwise they look once a second
 
     /// At least one consumer is switched on.
     [[nodiscard]] bool wantsConsumer() const { return serverEnabled || clientEnabled || !serialPort.empty(); }

@@ -2,6 +2,7 @@
 
 #include "nmea/Pulse.h"
 #include "nmea/gpspipe.h"
+#include "nmea/statistics.h"
 #include "serial/SerialThread.h"
 #include "support/exitRequested.h"
 
@@ -28,6 +29,7 @@ void StopThread::execute()
 {
     awaitExit();
     wakeConsumers();
+    statistics.changes.send();
     for (int passed = 0; passed < patience; ++passed) {
         if (exitRequested != 0)
             endGpspipe();

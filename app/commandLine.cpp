@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -59,9 +60,9 @@ OPTIONS:
                               "\n"
                               " -e  use stderr for log (default: disabled)\n";
 
-[[noreturn]] void abortExecution(const char *complaint, const std::string &value)
+[[noreturn]] void abortExecution(const std::string &complaint)
 {
-    std::fprintf(stderr, "%s %s[ABORTING EXECUTION]\n", complaint, value.c_str());
+    std::fprintf(stderr, "%s[ABORTING EXECUTION]\n", complaint.c_str());
     std::exit(1);
 }
 
@@ -78,7 +79,7 @@ void setBaud(RunSettings &settings, char *value)
 {
     const auto row = baudTable.find(value);
     if (row == baudTable.end())
-        abortExecution("Invalid baud value", value);
+        abortExecution(std::string("Invalid baud value ") + value);
     settings.serialSpeed = row->second;
 }
 
@@ -86,7 +87,7 @@ void setStopBits(RunSettings &settings, char *value)
 {
     const int count = numberOf(value);
     if (count != 1 && count != 2)
-        abortExecution("Invalid stop value", value);
+        abortExecution(std::string("Invalid stop value ") + value);
     settings.serialStopBits = count == 2 ? CSTOPB : 0;
 }
 
@@ -94,7 +95,7 @@ void setDataLength(RunSettings &settings, char *value)
 {
     const int bits = numberOf(value);
     if (bits != 7 && bits != 8)
-        abortExecution("Invalid datalength value", value);
+        abortExecution(std::string("Invalid datalength value ") + value);
     settings.serialCharSize = bits == 7 ? CS7 : CS8;
 }
 
@@ -113,13 +114,14 @@ void setClientProtocol(RunSettings &settings, char *value)
     std::transform(word.begin(), word.end(), word.begin(),
                    [](unsigned char letter) { return static_cast<char>(std::toupper(letter)); });
     if (word != "TCP" && word != "UDP")
-        abortExecution("Unknown protocol", word);
+        abortExecution(std::string("Unknown protocol ") + word);
     settings.clientProtocol = word == "TCP" ? 't' : 'u';
 }
 
+template <std::int32_t RunSettings::*field>
 void setInterval(RunSettings &settings, char *value)
 {
-    settings.interval = static_cast<std::int32_t>(std::strtoul(value, nullptr, 0));
+    settings.*field = static_cast<std::int32_t>(std::strtoul(value, nullptr, 0));
 }
 
 template <std::string RunSettings::*field>
@@ -162,7 +164,7 @@ struct Switch {
     void (*set)(RunSettings &settings, bool on);
 };
 
-/// In the order of the usage text, which does not name the last.
+/// In the order of the usage text, which does not name the last two.
 constexpr std::array switches{
     Switch{"--daemonize", "--no-daemonize", setFlag<&RunSettings::daemonize>},
     Switch{"--timestamp", "--no-timestamp", setFlag<&RunSettings::timestamp>},
@@ -180,48 +182,109 @@ constexpr std::array switches{
     Switch{"--gbs", "--no-gbs", setSentence<SentenceType::GBS>},
     Switch{"-e", "", setFlag<&RunSettings::logToStderr>},
     Switch{"--immediate", "--no-immediate", setFlag<&RunSettings::immediate>},
+    Switch{"--strict", "", setFlag<&RunSettings::strict>},
 };
 
 /// Takes the next argument as its value, whatever that looks like; if there is none, the option is ignored.
 struct ValueOption {
     std::string_view name;
     void (*set)(RunSettings &settings, char *value);
+    bool (*isValid)(const char *value) = [](const char *) { return true; }; ///< for --strict
 };
 
-/// In the order of the usage text.
+/// A whole number, decimal, 0x hexadecimal or 0 octal, and nothing else.
+template <long lowest, long highest>
+bool isNumber(const char *value)
+{
+    char *end = nullptr;
+    errno = 0;
+    const long number = std::strtol(value, &end, 0);
+    const bool startsWithDigit = std::isdigit(static_cast<unsigned char>(*value)) != 0;
+    return startsWithDigit && *end == '\0' && errno == 0 && number >= lowest && number <= highest;
+}
+constexpr auto isPort = isNumber<1, 65535>;
+constexpr auto isSeconds = isNumber<0, 2147483647>;
+
+/// A line of the handshake holds no more.
+bool isPassword(const char *value) { return std::strlen(value) <= 255; }
+
+bool isParity(const char *value)
+{
+    const std::string_view word(value);
+    return word == "none" || word == "odd" || word == "even";
+}
+
+/// In the order of the usage text, which does not name the last.
 constexpr std::array valueOptions{
-    ValueOption{"--server-port", setPort<&RunSettings::serverPort>},
-    ValueOption{"--server-passwd", setSecret<&RunSettings::serverPassword>},
+    ValueOption{"--server-port", setPort<&RunSettings::serverPort>, isPort},
+    ValueOption{"--server-passwd", setSecret<&RunSettings::serverPassword>, isPassword},
     ValueOption{"--client-protocol", setClientProtocol},
     ValueOption{"--client-remote-host", setText<&RunSettings::clientRemoteHost>},
-    ValueOption{"--client-port", setPort<&RunSettings::clientPort>},
-    ValueOption{"--client-passwd", setSecret<&RunSettings::clientPassword>},
+    ValueOption{"--client-port", setPort<&RunSettings::clientPort>, isPort},
+    ValueOption{"--client-passwd", setSecret<&RunSettings::clientPassword>, isPassword},
     ValueOption{"--serial", setText<&RunSettings::serialPort>},
     ValueOption{"--baud", setBaud},
-    ValueOption{"--datalength", setDataLength},
-    ValueOption{"--parity", setParity},
-    ValueOption{"--stopbits", setStopBits},
+    ValueOption{"--datalength", setDataLength, isNumber<7, 8>},
+    ValueOption{"--parity", setParity, isParity},
+    ValueOption{"--stopbits", setStopBits, isNumber<1, 2>},
     ValueOption{"--id", setText<&RunSettings::stationId>},
     ValueOption{"--id-prefix", setText<&RunSettings::stationIdPrefix>},
-    ValueOption{"--interval", setInterval},
-    ValueOption{"--loglevel", setLogLevel},
+    ValueOption{"--interval", setInterval<&RunSettings::interval>, isSeconds},
+    ValueOption{"--loglevel", setLogLevel, isNumber<1, 100>},
+    ValueOption{"--status", setInterval<&RunSettings::statusInterval>, isSeconds},
 };
 
-/// Applies `argument` if it is a switch. An opposite that does not exist matches nothing.
-void applySwitch(RunSettings &settings, std::string_view argument)
+/// False if `argument` is no switch. An opposite that does not exist matches nothing.
+bool applySwitch(RunSettings &settings, std::string_view argument)
 {
-    for (const Switch &row : switches) {
-        if (argument == row.on || (argument == row.off && !row.off.empty()))
-            row.set(settings, argument == row.on);
-    }
+    const auto *const row = std::find_if(switches.begin(), switches.end(), [argument](const Switch &each) {
+        return argument == each.on || (argument == each.off && !each.off.empty());
+    });
+    if (row == switches.end())
+        return false;
+    row->set(settings, argument == row->on);
+    return true;
+}
+
+/// What --strict has against a value; empty if nothing. Passwords are not repeated.
+std::string complaintAbout(const ValueOption &option, const char *value)
+{
+    if (option.isValid(value))
+        return {};
+    return "Invalid value of " + std::string(option.name) + (option.isValid == isPassword ? "" : " ") +
+           (option.isValid == isPassword ? "" : value);
+}
+
+/// What does not fit together; empty if all does.
+std::string findContradiction(const RunSettings &settings)
+{
+    const bool anyType = std::any_of(sentenceFilters.begin(), sentenceFilters.end(),
+                                     [](const SentenceFilter &filter) { return filter.enabled; });
+    if (settings.wantsConsumer() && !anyType)
+        return "No sentence type, such as --gga, for a consumer";
+    if (!settings.wantsConsumer() && anyType)
+        return "No --server, --client or --serial for a sentence type";
+    if (settings.daemonize && settings.logToStderr)
+        return "-e does not go with --daemonize";
+    if (settings.clientEnabled && settings.clientRemoteHost.empty())
+        return "No --client-remote-host for --client";
+    return {};
+}
+
+[[noreturn]] void printVersion()
+{
+    std::puts("navtwine " NAVTWINE_VERSION);
+    std::fflush(stdout);
+    std::exit(0);
 }
 
 } // namespace
 
 bool wantsUsage(int argc, char *argv[])
 {
-    return argc <= 1 || std::any_of(argv + 1, argv + argc,
-                                    [](std::string_view argument) { return argument == "-h" || argument == "--help"; });
+    const bool isEmpty = argc <= 1 || (argc == 2 && std::string_view(argv[1]) == "--strict");
+    return isEmpty || std::any_of(argv + 1, argv + argc,
+                                  [](std::string_view argument) { return argument == "-h" || argument == "--help"; });
 }
 
 void printUsage()
@@ -234,13 +297,25 @@ void printUsage()
 RunSettings parseCommandLine(int argc, char *argv[])
 {
     RunSettings settings;
+    std::string complaint; // the first
     for (int index = 1; index < argc; ++index) {
         const std::string_view argument(argv[index]);
-        applySwitch(settings, argument);
         const auto *const option = std::find_if(valueOptions.begin(), valueOptions.end(),
                                                 [argument](const ValueOption &row) { return row.name == argument; });
-        if (option != valueOptions.end() && index + 1 < argc)
-            option->set(settings, argv[++index]);
+        std::string next;
+        if (argument == "--version")
+            printVersion();
+        if (option != valueOptions.end() && index + 1 < argc) {
+            next = complaintAbout(*option, argv[++index]);
+            option->set(settings, argv[index]);
+        } else if (!applySwitch(settings, argument)) {
+            next = "Unknown, or without its value: " + std::string(argument);
+        }
+        complaint = complaint.empty() ? next : complaint;
     }
+    if (complaint.empty())
+        complaint = findContradiction(settings);
+    if (settings.strict && !complaint.empty())
+        abortExecution(complaint);
     return settings;
 }

@@ -9,7 +9,8 @@
 /// The baud rates that the command line accepts, as exact text, with their termios speed codes.
 extern const std::map<std::string, std::uint16_t> baudTable;
 
-/// True when there is no argument, or any argument is exactly "-h" or "--help", even as the value of an option.
+/// True when there is no argument but --strict, or any argument is exactly "-h" or "--help", even as the value of an
+/// option.
 [[nodiscard]] bool wantsUsage(int argc, char *argv[]);
 
 /// Prints the usage text on standard output and ends the process with status 0.

@@ -1,9 +1,11 @@
 #include "app/Consumers.h"
+#include "app/StatusThread.h"
 #include "app/StopThread.h"
 #include "app/commandLine.h"
 #include "app/runReader.h"
 #include "app/startUp.h"
 #include "nmea/Pulse.h"
+#include "nmea/statistics.h"
 #include "support/Logger.h"
 #include "support/wipe_string.h"
 
@@ -12,8 +14,11 @@
 
 int main(int argc, char *argv[])
 {
-    if (wantsUsage(argc, argv))
+    const KAV::Descriptor manager = connectToServiceManager();
+    if (wantsUsage(argc, argv)) {
+        notifyServiceManager(manager, "READY=1"); // a service without options has nothing to do, which is no failure
         printUsage();
+    }
     installSignalHandlers();
     KAV::Logger::setPrintLevel(RunSettings{}.logLevel, false);
     RunSettings settings = parseCommandLine(argc, argv);
@@ -26,7 +31,10 @@ int main(int argc, char *argv[])
     KAV_LOG(INFO, "Starting executable: %s\n", argv[0]);
     if (settings.immediate && settings.wantsConsumer())
         pulse = KAV::startWorker<Pulse>();
+    statistics.namesClients = settings.statusInterval > 0;
     Consumers consumers = startConsumers(settings);
+    const std::unique_ptr<StatusThread> status(
+        settings.statusInterval > 0 || manager.isOpen() ? KAV::startWorker<StatusThread>(settings, manager) : nullptr);
     if (stopper)
         stopper->holdBack(consumers.serial);
     const bool hasConsumer = consumers.any();

@@ -3,6 +3,7 @@
 #include "net/handshake.h"
 #include "net/socketOptions.h"
 #include "nmea/nmeaDataSubject.h"
+#include "nmea/statistics.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
 #include "support/guards.h"
@@ -48,7 +49,7 @@ void logAddress(const in_addr &address)
 
 ClientThread::ClientThread(const std::string &_remoteHost, std::uint16_t _port, char _protocol,
                            const std::string &_password)
-    : Observer("navtwine main client-thread"),
+    : Observer("navtwine main client-thread", statistics.uplink),
       retryDelay(30000),
       subject(nmeaDataSubject::getInstance()),
       protocol(_protocol),
@@ -73,6 +74,7 @@ void ClientThread::execute()
     while (exitRequested == 0) {
         if (!KAV::ifMemoryAllows([this] { runSession(); }))
             KAV_LOG(ERROR, "ClientThread::out of memory : retrying login in %u ms...\n", retryDelay);
+        statistics.setState(statistics.uplink, ConsumerStatistics::FAILS);
         socketDescriptor.reset();
         KAV::Thread::sleep(retryDelay);
     }
@@ -94,6 +96,7 @@ void ClientThread::runSession()
         return;
     }
     KAV_LOG(INFO, "ClientThread::This client has successful logged into remote server.\n");
+    statistics.setState(statistics.uplink, ConsumerStatistics::WORKS);
     registerOnce();
     deliverUntilExit([this](const std::string &batch) { return sendToCollector(batch); });
 }

@@ -5,6 +5,7 @@
 #include "net/reserve.h"
 #include "net/socketOptions.h"
 #include "nmea/shortage.h"
+#include "nmea/statistics.h"
 #include "support/Logger.h"
 #include "support/exitRequested.h"
 
@@ -52,6 +53,7 @@ ServerThread::~ServerThread()
 void ServerThread::execute()
 {
     Descriptor listener = listenOnPort();
+    statistics.setState(statistics.server, listener.isOpen() ? ConsumerStatistics::WORKS : ConsumerStatistics::FAILS);
     if (listener.isOpen() && exitRequested == 0)
         serve(std::move(listener));
 }

@@ -2,6 +2,7 @@
 
 #include "nmea/Pulse.h"
 #include "nmea/shortage.h"
+#include "nmea/statistics.h"
 #include "support/exitRequested.h"
 #include "support/guards.h"
 
@@ -14,8 +15,9 @@ constexpr std::size_t keptBytes = 1024;
 
 } // namespace
 
-Observer::Observer(const std::string &threadName, std::uint32_t _mailbox)
+Observer::Observer(const std::string &threadName, ConsumerStatistics &_counts, std::uint32_t _mailbox)
     : KAV::Thread(threadName, false),
+      counts(_counts),
       mailbox(pulse != nullptr ? _mailbox : defaultMailbox)
 {
 }
@@ -24,8 +26,8 @@ Observer::~Observer() = default;
 
 void Observer::update(const std::string &message)
 {
-    // A message that cannot be copied is dropped.
-    static_cast<void>(KAV::ifMemoryAllows([&] { append(message); }));
+    if (!KAV::ifMemoryAllows([&] { append(message); }))
+        ++counts.lost;
 }
 
 void Observer::append(const std::string &message)
@@ -34,6 +36,7 @@ void Observer::append(const std::string &message)
     if (waiting == mailbox) {
         queue[oldest] = message;
         oldest = (oldest + 1) % static_cast<std::uint32_t>(queue.size());
+        ++counts.lost;
         return;
     }
     if (waiting == queue.size())

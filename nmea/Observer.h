@@ -9,6 +9,8 @@
 #include <functional>
 #include <string>
 
+struct ConsumerStatistics;
+
 /// Base of every consumer: a thread with a bounded mailbox.
 ///
 /// A derived class sets `queueLock` in its constructor, attaches itself to the subject when it is ready to send,
@@ -19,14 +21,14 @@ public:
     static constexpr std::uint32_t defaultMailbox = 11;
     static constexpr std::uint32_t immediateMailbox = 64; ///< two epochs of a receiver with all constellations
 
-    /// `threadName` as for KAV::Thread. `_mailbox`: messages that the mailbox holds with --immediate; without it
-    /// `defaultMailbox`.
-    explicit Observer(const std::string &threadName, std::uint32_t _mailbox = immediateMailbox);
+    /// `threadName` as for KAV::Thread. `_counts`, which must live longer, counts the messages that are dropped.
+    /// `_mailbox`: messages that the mailbox holds with --immediate; without it `defaultMailbox`.
+    Observer(const std::string &threadName, ConsumerStatistics &_counts, std::uint32_t _mailbox = immediateMailbox);
     /// Queued messages are dropped.
     ~Observer() override = 0;
 
-    /// Appends a copy of `message`; a full mailbox silently drops its oldest message first. Out of memory, `message` is
-    /// dropped instead.
+    /// Appends a copy of `message`; a full mailbox drops its oldest message first, which is counted but not logged. Out
+    /// of memory, `message` is dropped instead.
     ///
     /// Thread: main, from the subject's `notify`, with the subject's lock held; must not call the subject. Locks:
     /// `queueLock`. Never blocks on output.
@@ -65,6 +67,7 @@ protected:
     KAV::AutoPtr<KAV::Lock> queueLock; ///< set once, before the thread starts
 
 private:
+    ConsumerStatistics &counts;
     const std::uint32_t mailbox;                          ///< messages that `queue` may hold
     std::uint32_t waiting KAV_GUARDED_BY(*queueLock) = 0; ///< messages in `queue`
     std::uint32_t oldest KAV_GUARDED_BY(*queueLock) = 0;  ///< index of the oldest; 0 unless the mailbox is full

@@ -3,6 +3,7 @@
 #include "nmea/Pulse.h"
 #include "nmea/gpspipe.h"
 #include "nmea/nmeaDataSubject.h"
+#include "nmea/statistics.h"
 #include "serial/write_all.h"
 #include "support/Logger.h"
 #include "support/guards.h"
@@ -59,7 +60,7 @@ void writeBatch(int port, const std::string &batch)
 
 SerialThread::SerialThread(const std::string &_devicePath, speed_t _speed, std::int16_t _charSize, std::int16_t _parity,
                            std::int16_t _stopBits, tcflag_t _hwFlow, bool _rs485)
-    : Observer("navtwine main serial-thread", mailboxFor(_speed)),
+    : Observer("navtwine main serial-thread", statistics.serial, mailboxFor(_speed)),
       subject(nmeaDataSubject::getInstance()),
       devicePath(_devicePath),
       speed(_speed),
@@ -85,6 +86,7 @@ void SerialThread::execute()
 {
     const Port port(openOrEndProcess());
     KAV_LOG(INFO, "serial port opened");
+    statistics.setState(statistics.serial, ConsumerStatistics::WORKS);
     while (!KAV::ifMemoryAllows([this] { subject->attach(this); }))
         KAV::Thread::sleep(1000);
     configureLine(port.get());
