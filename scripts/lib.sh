@@ -10,6 +10,7 @@ if [[ ${1:-} =~ ^(-h|--help)$ ]]; then
 fi
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 tree=$PWD
+mkdir -p build
 
 # fail WORDS...: says what is wrong and ends the script.
 fail()
@@ -38,35 +39,45 @@ build()
 {
     local log=build/$1.log
     echo "building build/$1"
-    mkdir -p build
     { flock 9 && cmake --preset "$@" && cmake --build "build/$1"; } >"$log" 2>&1 9>>"$log.lock" || {
         tail -n 40 "$log"
         fail "build/$1 does not build: $log"
     }
 }
 
-# debian COMMAND...: runs apt-get or apt-cache on what Debian 12 has for every architecture that we build for, with a
-# state of its own: what this machine has installed or knows of does not count.
+# What the machine's own sources have of its release, without updates, which may be incomplete for a foreign architecture.
+machinesSources()
+{
+    local release
+    # shellcheck source=/dev/null
+    release=$(. /etc/os-release && echo "$VERSION_CODENAME")
+    mkdir -p build/apt/{lists/partial,cache/archives/partial,sources}
+    find /etc/apt/sources.list* -name '*.list' -exec cat {} + | grep -E "^deb .* $release( |\$)" \
+        >build/apt/sources/own.list || true
+    find /etc/apt/sources.list.d -name '*.sources' -exec sed -s '$G' {} + | awk -v RS= -v ORS='\n\n' -v release="$release" \
+        '$0 ~ "(^|\n)Suites:([^\n]* )?" release "( |\n|$)" { sub(/Suites:[^\n]*/, "Suites: " release); print }' \
+        >build/apt/sources/own.sources
+}
+
+# debian COMMAND...: runs apt-get or apt-cache for every architecture that we build for, with the machine's sources, keys
+# and proxies, but a state of its own: what this machine has installed does not count.
 debian()
 {
     local state=$tree/build/apt
-    mkdir -p "$state/lists/partial" "$state/cache/archives/partial"
+    (cd "$tree" && machinesSources)
     touch "$state/status"
-    echo "deb [signed-by=/usr/share/keyrings/debian-archive-keyring.gpg] http://deb.debian.org/debian bookworm main" \
-        >"$state/sources"
-    cat >"$state/apt.conf" <<EOT
-APT::Architecture "amd64";
-APT::Architectures { "amd64"; "arm64"; "armel"; "armhf"; };
-APT::Sandbox::User "";
-Acquire::Languages "none";
-Acquire::Retries "3";
-Dir::Cache "$state/cache";
-Dir::Etc::sourcelist "$state/sources";
-Dir::Etc::sourceparts "-";
-Dir::State "$state";
-Dir::State::status "$state/status";
-EOT
-    APT_CONFIG=$state/apt.conf flock "$state" "$@"
+    flock "$state" "$1" -o Dir::State="$state" -o Dir::State::status="$state/status" -o Dir::Cache="$state/cache" \
+        -o Dir::Etc::sourcelist=- -o Dir::Etc::sourceparts="$state/sources" -o APT::Sandbox::User= \
+        -o APT::Architectures=amd64,arm64,armel,armhf -o Acquire::Languages=none -o Acquire::Retries=3 "${@:2}"
+}
+
+# debianRoot DIRECTORY OPTION...: makes a root file system of this machine's release, by mmdebstrap with the OPTIONs and
+# with the machine's sources, keys and proxies. Root only.
+debianRoot()
+{
+    machinesSources
+    apt-config dump | grep -E '^Acquire::(http|https|ftp|Check-)' >build/apt/acquire || true
+    mmdebstrap --mode=root --aptopt="$tree/build/apt/acquire" "${@:2}" "" "$1" build/apt/sources/own.*
 }
 
 # within SECONDS COMMAND...: waits until the command succeeds; status 1 when it does not.
