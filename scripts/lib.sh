@@ -54,8 +54,8 @@ machinesSources()
     mkdir -p build/apt/{lists/partial,cache/archives/partial,sources}
     find /etc/apt/sources.list* -name '*.list' -exec cat {} + | grep -E "^deb .* $release( |\$)" \
         >build/apt/sources/own.list || true
-    find /etc/apt/sources.list.d -name '*.sources' -exec sed -s '$G' {} + | awk -v RS= -v ORS='\n\n' -v release="$release" \
-        '$0 ~ "(^|\n)Suites:([^\n]* )?" release "( |\n|$)" { sub(/Suites:[^\n]*/, "Suites: " release); print }' \
+    find /etc/apt/sources.list.d -name '*.sources' -exec awk -v RS= -v ORS='\n\n' -v release="$release" \
+        '$0 ~ "(^|\n)Suites:([^\n]* )?" release "( |\n|$)" { sub(/Suites:[^\n]*/, "Suites: " release); print }' {} + \
         >build/apt/sources/own.sources
 }
 
