@@ -15,8 +15,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Runs the tests; full paths, since tests start it again with their own PATH. Without the setting a forked child, such as
-# the gpspipe of popen, hangs now and then: GLib's slices, which the emulator uses, may be locked at the fork.
+# Runs the tests; full paths, since tests start it again with their own PATH. Without the setting a forked child, such
+# as the gpspipe of popen, hangs now and then: GLib's slices, which the emulator uses, may be locked at the fork.
 set(CMAKE_CROSSCOMPILING_EMULATOR
   /usr/bin/env G_SLICE=always-malloc /usr/bin/qemu-${CMAKE_SYSTEM_PROCESSOR} -L /usr/${NAVTWINE_TRIPLET})
 if(NAVTWINE_TRIPLET STREQUAL arm-linux-gnueabi)

@@ -45,7 +45,8 @@ build()
     }
 }
 
-# What the machine's own sources have of its release, without updates, which may be incomplete for a foreign architecture.
+# What the machine's own sources have of its release; without updates, which may be incomplete for a foreign
+# architecture.
 machinesSources()
 {
     local release
@@ -57,10 +58,11 @@ machinesSources()
     find /etc/apt/sources.list.d -name '*.sources' -exec awk -v RS= -v ORS='\n\n' -v release="$release" \
         '$0 ~ "(^|\n)Suites:([^\n]* )?" release "( |\n|$)" { sub(/Suites:[^\n]*/, "Suites: " release); print }' {} + \
         >build/apt/sources/own.sources
+    cat build/apt/sources/own.* | grep -q . || fail "/etc/apt has no source of $release"
 }
 
-# debian COMMAND...: runs apt-get or apt-cache for every architecture that we build for, with the machine's sources, keys
-# and proxies, but a state of its own: what this machine has installed does not count.
+# debian COMMAND...: runs apt-get or apt-cache for every architecture that we build for, with the machine's sources,
+# keys and proxies, but a state of its own: what this machine has installed does not count.
 debian()
 {
     local state=$tree/build/apt
