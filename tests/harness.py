@@ -21,22 +21,23 @@ ALL = SERVER + TO_COLLECTOR + "--serial $LINE "
 REPEAT = "while echo '$GPGGA,1'; do sleep 0.2; done"
 
 
-# Waits for something true, which it returns; the limit is generous, since machines under test are busy.
 def eventually(holds, limit=30.0):
+    """Wait for something true and return it; the limit is generous, since machines under test are busy."""
     deadline = time.monotonic() + limit
     while not (found := holds()) and time.monotonic() < deadline:
         time.sleep(0.01)
     return found
 
 
-# Whether a process is there. A zombie, which nobody reaps in some containers, has no command line any more.
 def runs(process):
+    """Whether a process is there. A zombie, which nobody reaps in some containers, has no command line any more."""
     file = Path(f"/proc/{process}/cmdline")
     return file.exists() and file.read_bytes() != b""
 
 
-# One end of a connection; what is read has a character a byte.
 class Peer:
+    """One end of a connection; what is read has a character a byte."""
+
     def __init__(self, stream):
         self.stream = stream
         self.closed = False
@@ -44,8 +45,8 @@ class Peer:
     def send(self, text):
         self.stream.sendall(text.encode("latin-1"))
 
-    # Reads until the text has come, the peer closes, or the limit is over.
     def read_until(self, text, limit=30.0):
+        """Read until the text has come, the peer closes, or the limit is over."""
         data = ""
         deadline = time.monotonic() + limit
         while not self.closed and text not in data and (left := deadline - time.monotonic()) > 0:
@@ -62,10 +63,14 @@ class Peer:
         return text in self.read_until(text)
 
 
-# The program, or the one with the faults. Its standard output and standard error are one text, which pytest shows when
-# a test fails. Its arguments may have $PORT in them, a port to listen on; $COLLECTOR, the port of an uplink's other
-# side; and $LINE, a pseudo-terminal, whose far end is `line`.
 class Program:
+    """The program, or the one with the faults, with a gpspipe of the test's own.
+
+    Its standard output and standard error are one text, which pytest shows when a test fails. Its arguments may have
+    $PORT in them, a port to listen on; $COLLECTOR, the port of an uplink's other side; and $LINE, a pseudo-terminal,
+    whose far end is `line`.
+    """
+
     def __init__(self, arguments, gpspipe="exec sleep 1000", faults=None, before=":"):
         self.temporary = tempfile.TemporaryDirectory(prefix="navtwine-test-", ignore_cleanup_errors=True)
         self.folder = Path(self.temporary.name)
@@ -105,8 +110,8 @@ class Program:
             self.process.kill()  # the last resort
             print(f"Output of {self.process.args[2]}:\n{self.output()}")
 
-    # SIGINT, with the three seconds that users are promised and some for a busy machine.
     def interrupt(self, limit=4.5):
+        """End it with SIGINT, in the three seconds that users are promised and some for a busy machine."""
         self.process.send_signal(signal.SIGINT)
         assert self.process.wait(30 if EMULATED else limit) == 0
         assert self.last in self.output()
@@ -114,17 +119,17 @@ class Program:
     def output(self):
         return (self.folder / "output").read_bytes().decode("latin-1")
 
-    # Waits for texts in the output.
     def says(self, *texts):
+        """Wait for texts in the output."""
         return all(eventually(lambda: text in self.output()) for text in texts)
 
-    # The number of gpspipe's process, as soon as there is one.
     def gpspipe(self):
+        """The number of gpspipe's process, as soon as there is one."""
         eventually((self.folder / "pid").exists)
         return int((self.folder / "pid").read_text())
 
-    # A client, as soon as somebody listens; one that has a text to send has seen the prompt.
     def connect(self, first=""):
+        """A client, as soon as somebody listens; one that has a text to send has seen the prompt."""
         client = Peer(socket.socket())
         assert eventually(lambda: client.stream.connect_ex(("127.0.0.1", self.port)) == 0)
         self.peers.append(client)
@@ -133,26 +138,37 @@ class Program:
             client.send(first)
         return client
 
-    # The next session of the uplink.
     def accept(self, first=""):
+        """The next session of the uplink."""
         self.peers.append(Peer(self.collector.accept()[0]))
         self.peers[-1].send(first)
         return self.peers[-1]
 
+    def connect_at_once(self, count):
+        """Clients that connect while all threads of the program are stopped; six fit into the kernel's queue."""
+        assert self.says("waiting for client connections...\n")
+        self.process.send_signal(signal.SIGSTOP)
+        os.waitpid(self.process.pid, os.WUNTRACED)
+        for _ in range(count):
+            self.connect()
+        self.process.send_signal(signal.SIGCONT)
+
     def touch(self, file):
         (self.folder / file).touch()
 
-    # The files that are open, by number; without those that an emulator keeps far up.
     def descriptors(self):
+        """The files that are open, by number; without those that an emulator keeps far up."""
         listed = subprocess.run(["ls", "-l", f"/proc/{self.process.pid}/fd"], capture_output=True, text=True).stdout
         return dict(re.findall(r" (\d\d?) -> (\S+)\n", listed))
 
-    # How many processors the program wants, whether it gets them or not.
-    def processors_wanted(self, seconds=3):
-        def wanted():
+    def busiest_thread(self, seconds=3):
+        """How much of the time one thread ran or waited for a processor, and how often a second all threads ran."""
+        def schedules():
             tasks = Path(f"/proc/{self.process.pid}/task").glob("*/schedstat")
-            return sum(int(time) for task in tasks for time in task.read_text().split()[:2]) / 1e9
-        before = wanted()
-        assert before > 0, "the kernel does not tell"
+            return {task: [int(number) for number in task.read_text().split()] for task in tasks}
+        before = schedules()
+        assert sum(ran for ran, _, _ in before.values()) > 0, "the kernel does not tell"
         time.sleep(seconds)
-        return (wanted() - before) / seconds
+        passed = [[late - early for early, late in zip(before.get(task, [0, 0, 0]), now)]
+                  for task, now in schedules().items()]
+        return max(ran + waited for ran, waited, _ in passed) / 1e9 / seconds, sum(row[2] for row in passed) / seconds

@@ -36,8 +36,8 @@ def test_ends_at_once_without_work():
     "exec sleep 1000", "exit 1", "exec yes '$GPGGA,1'", "exec cat /dev/urandom",
     "trap '' INT TERM HUP; while :; do sleep 1; done", "setsid sh -c 'echo $$ >stranger; exec sleep 60' & sleep 99",
 ), ids=("silent", "gone", "flood", "random", "deaf", "stranger"))
-# The other signals end gpspipe at most, and SIGINT ends everything in time but what has left gpspipe's process group.
 def test_gpspipe_ends_with_the_program(gpspipe):
+    """The other signals end gpspipe at most, and SIGINT everything in time but what has left gpspipe's group."""
     with Program(SERVER + "--gsv", gpspipe) as program:
         program.connect()
         first = program.gpspipe()
@@ -49,12 +49,13 @@ def test_gpspipe_ends_with_the_program(gpspipe):
         program.interrupt()
         assert eventually(lambda: not runs(first) and not runs(program.gpspipe())), "gpspipe stays behind"
         for stranger in program.folder.glob("stranger"):
-            os.kill(int(stranger.read_text()), signal.SIGKILL)
+            assert runs(process := int(stranger.read_text()))
+            os.kill(process, signal.SIGKILL)
 
 
-# A client's socket must not get the number of a standard stream, and with it the log.
 @pytest.mark.parametrize("how", ("--daemonize", "<&- >&- 2>&-"), ids=("daemon", "closed"))
 def test_standard_streams_are_open(how):
+    """A client's socket must not get the number of a standard stream, and with it the log."""
     with Program(SERVER + how, REPEAT) as program:
         program.last = ""
         assert program.connect().read_until("\n").startswith("$GPGGA,1\n")
@@ -70,14 +71,21 @@ def test_standard_streams_are_open(how):
 
 
 def test_messages_are_filed_as_a_daemons_by_their_level():
-    with Program("--loglevel 50 --gga --serial /dev/none", faults="navtwine:connect:0:EAGAIN") as program:
+    """No device: the program ends, and gpspipe with it, which is there by the time that the log takes something."""
+    with Program("--gga --serial /dev/none --loglevel 10", faults="navtwine:connect:0:EAGAIN",
+                 before="touch stalled-log") as program:
+        gpspipe = program.gpspipe()
+        (program.folder / "stalled-log").unlink()
         assert program.process.wait(30) == 1
-        assert "[openlog navtwine 24]\n[syslog 6]INFO: Starting executable: " in program.output()
-        assert "[syslog 3]ERROR: failed to open /dev/none: errno: 2\n" in program.output()
+        assert "[openlog navtwine 24]\n[syslog 3]ERROR: failed to open /dev/none: errno: 2\n" in program.output()
+        assert eventually(lambda: not runs(gpspipe))
+    with Program("--gga --serial /dev/none", faults="navtwine:connect:0:EAGAIN") as program:
+        assert program.says("[syslog 6]INFO: Starting executable: ")
+        assert program.process.wait(30) == 1
 
 
-# To the NUL, 511 bytes at most, without an end; each type once within the interval, whoever its talker is.
 def test_lines_are_read_as_gpspipe_prints_them():
+    """To the NUL, 511 bytes at most, without an end; each type once within the interval, whoever its talker is."""
     with Program(SERVER + "--interval 9999 --rmc --gll --vtg", r"""until [ -e go ]; do sleep 0.1; done
                  printf '$GPGGA,%s\r\n$GNGGA,no\n' "$*"
                  printf '$GPRMC,a\0b\n$GPGLL%0700d\n$GPVTG,end' 0""") as program:
@@ -88,8 +96,8 @@ def test_lines_are_read_as_gpspipe_prints_them():
         assert client.read_until("end") == f"$GPGGA,-r\r\n$GPRMC,a$GPGLL{505 * '0'}$GPVTG,end"
 
 
-# Lines are lost, and the next one begins on its own.
 def test_log_that_nobody_reads_holds_nobody_up():
+    """Lines are lost, and the next one begins on its own."""
     with Program(SERVER + "--loglevel 50 2>$LINE", "while printf '$GPGGA,%0480d\n' 0; do sleep 0.05; done") as program:
         program.last = ""
         client = program.connect()

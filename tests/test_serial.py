@@ -10,13 +10,13 @@ from harness import REPEAT, SERVER, Program, runs
 FLOOD = "exec yes \"$(printf '$GPGGA,%0480d' 0)\""
 
 
-# EAGAIN: the system log's socket is there, and busy.
 @pytest.mark.parametrize("gpspipe, arguments, faults", (
     ("exec sleep 1000", SERVER, ""),
     (FLOOD, SERVER, ""),
     (FLOOD, SERVER.replace("-e ", ""), "navtwine:connect:0:EAGAIN"),
 ), ids=("idle", "blocked", "blockedAndHard"))
 def test_end_empties_the_line(gpspipe, arguments, faults):
+    """With EAGAIN the system log's socket is there, and busy."""
     with Program(arguments + "--serial $LINE", gpspipe, faults) as program:
         assert program.says("RS485 configurating error. errno:")
         termios.tcflow(program.line_port, termios.TCOOFF)
@@ -31,13 +31,13 @@ def test_end_empties_the_line(gpspipe, arguments, faults):
         assert not runs(program.gpspipe())
 
 
-@pytest.mark.parametrize("arguments, mode, speed, told, kept", (
+@pytest.mark.parametrize("arguments, mode, speed, frame, kept", (
     ("--rs485", "INFO: RS485 mode\n[rs485 3]\n", termios.B115200, "[line 60]\n", 0),
     ("--baud 57600 --datalength 7 --parity odd --stopbits 2 --hwflow", "INFO: RS232 mode\n[rs485 2]\n", termios.B57600,
      "[line 1440]\n", termios.PARODD | termios.CSTOPB | termios.CRTSCTS),
 ), ids=("rs485", "rs232"))
-# Of what the port's last user has left behind only what the driver decides stays.
-def test_settings_are_those_of_the_command_line(arguments, mode, speed, told, kept):
+def test_settings_are_those_of_the_command_line(arguments, mode, speed, frame, kept):
+    """Of the settings of the port's last user only those that the driver decides remain."""
     chosen = termios.PARODD | termios.CSTOPB | termios.CRTSCTS
     with Program(f"-e --loglevel 50 --interval 1 --gga --serial $LINE {arguments}", REPEAT, "",
                  "until [ -e go ]; do sleep 0.1; done") as program:
@@ -47,7 +47,7 @@ def test_settings_are_those_of_the_command_line(arguments, mode, speed, told, ke
         program.touch("go")
         assert program.line.read_until("\n").startswith("$GPGGA,1\n"), "raw: no CR comes in between"
         assert program.says("DEBUG: serial:$GPGGA,1\n")
-        assert f"INFO: serial port opened\n{told}[tcflush 2]\n{mode}" in program.output()
+        assert f"INFO: serial port opened\n{frame}[tcflush 2]\n{mode}" in program.output()
         found = termios.tcgetattr(program.line_port)
         assert found[2] & (chosen | termios.CLOCAL | termios.CREAD) == kept | termios.CREAD
         assert found[4:6] == [speed, speed]
