@@ -141,7 +141,7 @@ def test_immediate_delivery_brings_an_epoch_whole_and_at_once():
         assert 1 in [late - early for early, late in zip(sends[1::3] + sends[2::3], sends[2::3] + sends[3::3])]
         assert program.busiest_thread()[1] < 20, "consumers wait, and do not look again and again"
         program.interrupt()
-        assert program.says("INFO: Serial stop\n", "INFO: The remote client is disconnected.\n")
+        assert "INFO: The remote client is disconnected.\n" in program.output()
 
 
 def test_clients_may_leave_while_messages_flow():
