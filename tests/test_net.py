@@ -126,7 +126,7 @@ def test_immediate_delivery_brings_an_epoch_whole_and_at_once():
     """One of nine epochs is in time, and sent in one piece, however busy the machine is; none may miss a message."""
     with Program(ALL + "--immediate --loglevel 50", r"""while :; do for last in 0 29 29; do until rm next; do sleep 0.02; done
                  now=$(date +%s%N); [ $last = 0 ] || printf "\$GPGGA,$now,%s\n" $(seq $last); /bin/true
-                 printf "\$GPGGA,$now,end\n"; done; done""") as program:
+                 printf "\$GPGGA,$now,end\n"; done; done""", "") as program:
         peers = (program.accept(), program.connect(), program.line)
         assert program.says("has successful logged into remote server", "RS485 configurating", "trying to connect")
         time.sleep(1)
@@ -142,6 +142,7 @@ def test_immediate_delivery_brings_an_epoch_whole_and_at_once():
         assert program.busiest_thread()[1] < 20, "consumers wait, and do not look again and again"
         program.interrupt()
         assert "INFO: The remote client is disconnected.\n" in program.output()
+        assert program.output().count("[setsockopt 6 1 1]\n") == 2, "Nagle's algorithm"
 
 
 def test_clients_may_leave_while_messages_flow():
