@@ -1,5 +1,4 @@
 #include "nmea/Observer.h"
-
 #include "nmea/Pulse.h"
 
 #include "Mailbox.h"
@@ -7,39 +6,22 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
-struct ObserverTest : testing::TestWithParam<int> {
-    static Pulse *thePulse()
-    {
-        static Pulse *const one = new Pulse; // never deleted
-        return one;
-    }
-    ~ObserverTest() override { pulse = nullptr; }
-
-    Pulse *const set = pulse = GetParam() == 64 ? thePulse() : nullptr; // before the mailbox, whose size it decides
-    Mailbox mailbox;
-};
-INSTANTIATE_TEST_SUITE_P(sizes, ObserverTest, testing::Values(11, 64));
-
-TEST_P(ObserverTest, keepsTheNewestInOrder)
+TEST(Observer, keepsTheNewestMessagesAndLittleMemory)
 {
-    for (const int sent : {GetParam(), GetParam() + 1, 100}) {
-        std::string newest;
-        for (int message = 0; message < sent; ++message) {
-            const std::string text = std::to_string(message) + std::string(message % 10 == 5 ? 5000 : 1, ' ');
-            mailbox.update(text);
-            newest += message >= sent - GetParam() ? text : "";
+    static Pulse *const aPulse = new Pulse; // never deleted
+    for (const int size : {11, 64}) {
+        pulse = size == 64 ? aPulse : nullptr;
+        Mailbox mailbox;
+        const std::size_t before = ::mallinfo2().uordblks;
+        for (const int sent : {1, size, size + 1, 100}) {
+            std::string newest;
+            for (int message = 0; message < sent; ++message) {
+                mailbox.update(std::to_string(message) + std::string(1000, ' '));
+                newest += message >= sent - size ? std::to_string(message) + std::string(1000, ' ') : "";
+            }
+            EXPECT_EQ(mailbox.getData(), newest) << sent;
         }
-        EXPECT_EQ(mailbox.getData(), newest) << sent;
+        EXPECT_LT(::mallinfo2().uordblks, before + 30'000) << "only eleven places keep their memory";
     }
-    mailbox.update("next");
-    EXPECT_EQ(mailbox.getData(), "next");
-}
-
-TEST_P(ObserverTest, keepsLittleMemory)
-{
-    const std::size_t before = ::mallinfo2().uordblks;
-    for (int message = 0; message < 100; ++message)
-        mailbox.update(std::string(1000, ' '));
-    static_cast<void>(mailbox.getData());
-    EXPECT_LT(::mallinfo2().uordblks, before + 30'000) << "only eleven places keep their memory";
+    pulse = nullptr;
 }

@@ -26,25 +26,21 @@ static auto fieldsOf(const RunSettings &s)
 TEST(commandLine, takesValues)
 {
     const std::pair<const char *, RunSettings> cases[] = {
-        {"", {.logLevel = 30, .serverPort = 5445, .clientProtocol = 't', .clientPort = 5445, .interval = 10}},
-        {"--server-passwd", {}},
-        {"--servers --verbose --parity odd --parity ODD", {}},
-        {"--client-protocol tcp --datalength 8 --stopbits 1 --parity none --baud 115200", {}},
+        {"--servers --parity odd --parity ODD --client-protocol tcp --datalength 8 --stopbits 1 --server-passwd",
+         {.logLevel = 30, .serverPort = 5445, .clientProtocol = 't', .clientPort = 5445, .interval = 10}},
         {"--loglevel 0x32 -e --server-port 70000", {.logLevel = 50, .logToStderr = true, .serverPort = 4464}},
         {"--client-protocol Udp --client-port 010", {.clientProtocol = 'u', .clientPort = 8}},
-        {"--rs485 --interval 70000", {.serialRs485 = true, .interval = 70000}},
+        {"--rs485 --interval 70000 --baud 19200", {.serialSpeed = B19200, .serialRs485 = true, .interval = 70000}},
         {"--baud 4800 --datalength 7 --parity odd",
          {.serialSpeed = B4800, .serialCharSize = CS7, .serialParity = PARENB | PARODD}},
         {"--stopbits 2 --hwflow", {.serialStopBits = CSTOPB, .serialHwFlow = CRTSCTS}},
         {"--baud 9600 --parity even --interval 4294967295",
          {.serialSpeed = B9600, .serialParity = PARENB, .interval = -1}},
-        {"--baud 19200", {.serialSpeed = B19200}},
-        {"--baud 38400", {.serialSpeed = B38400}},
-        {"--baud 57600", {.serialSpeed = B57600}},
-        {"--server-passwd a --server-passwd pw --serial /dev/x", {.serverPassword = "pw", .serialPort = "/dev/x"}},
-        {"--client-remote-host 10.0.0.1/24 --client-passwd pc",
-         {.clientRemoteHost = "10.0.0.1/24", .clientPassword = "pc"}},
-        {"--id --gga --id-prefix P", {.stationId = "--gga", .stationIdPrefix = "P"}},
+        {"--baud 38400 --id --gga --id-prefix P",
+         {.serialSpeed = B38400, .stationId = "--gga", .stationIdPrefix = "P"}},
+        {"--baud 57600 --server-passwd a --server-passwd pw", {.serverPassword = "pw", .serialSpeed = B57600}},
+        {"--client-remote-host 10.0.0.1/24 --client-passwd pc --serial /dev/x",
+         {.clientRemoteHost = "10.0.0.1/24", .clientPassword = "pc", .serialPort = "/dev/x"}},
     };
     for (const auto &[arguments, expected] : cases)
         EXPECT_EQ(fieldsOf(parsed(arguments)), fieldsOf(expected)) << arguments;

@@ -32,12 +32,6 @@ TEST(escape, showsTheCodesOfOtherBytes)
     };
     for (const auto &[text, shown] : cases)
         EXPECT_EQ(escaped(text, 64), shown);
-}
-
-TEST(escape, cutsBetweenCharacters)
-{
-    EXPECT_EQ(escaped("abc", 4), "abc");
-    EXPECT_EQ(escaped("abc", 3), "ab");
-    EXPECT_EQ(escaped("a\x01", 5), "a");
-    EXPECT_EQ(escaped("a\u20acb", 4), "a");
+    EXPECT_EQ(escaped("ab\u20ac", 5), "ab") << "no part of a character";
+    EXPECT_EQ(escaped("ab\x01", 6), "ab");
 }
