@@ -91,7 +91,7 @@ class Program:
         numbers = re.sub("[A-Z]+", lambda name: str(getattr(errno, name[0], 0)), faults or "")
         environment = dict(os.environ, PATH=f"{self.folder}:{os.environ['PATH']}", PORT=str(self.port), FAULTS=numbers,
                            COLLECTOR=str(self.collector.getsockname()[1]), LINE=self.device,
-                           MALLOC_PERTURB_="165")  # mallopt(3): what is used after it was freed does not go well
+                           MALLOC_PERTURB_="165", GLIBC_TUNABLES="glibc.malloc.tcache_count=0")  # used after freed
         words = shlex.join(NAVTWINE if faults is None else FAULTY)
         self.touch("output")
         words += f" {arguments} {os.environ.get('NAVTWINE_OPTIONS', '')}"

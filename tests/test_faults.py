@@ -3,7 +3,7 @@ import re
 import time
 
 import pytest
-from harness import ALL, REPEAT, Program, eventually
+from harness import ALL, REPEAT, SERVER, Program, eventually
 
 # Name, the consumers that are lost, what fails, what the log says.
 ROWS = (
@@ -109,8 +109,20 @@ def test_memory_may_be_out(option, threads):
         assert (program.folder / "starts").read_text() == "\n", "gpspipe goes on meanwhile"
 
 
-@pytest.mark.parametrize("option", ("--server", "--client", "--serial $LINE", "--daemonize"))
-def test_fails_when_nothing_that_is_wanted_starts(option):
-    with Program("-e " + option, faults="navtwine:daemon:0:EAGAIN navtwine:pthread_create:1:EAGAIN") as program:
+@pytest.mark.parametrize("option, allocations", (
+    ("--server", 99), ("--client", 99), ("--serial $LINE", 99), ("--daemonize", 99), ("--serial $LINE", 0),
+    ("--server", 2)))
+def test_fails_when_nothing_that_is_wanted_starts(option, allocations):
+    """For want of a process, a thread or memory."""
+    with Program("-e " + option, faults="navtwine:daemon:0:EAGAIN navtwine:pthread_create:1:EAGAIN "
+                 f"navtwine:operator_new:{allocations}:ENOMEM") as program:
         assert program.process.wait(30) == 1
-        assert re.search("failed (to daemonize: errno = 11 |for thread 'navtwine main.*): Resource", program.output())
+        assert re.search("failed (to daemonize: errno = 11 |for thread 'navtwine main.*): Resource|ERROR: out of memory",
+                         program.output())
+
+
+def test_ends_while_memory_is_out():
+    with Program(SERVER, faults="stop-thread:operator_new:-1:ENOMEM navtwine:operator_new:-1:ENOMEM") as program:
+        program.gpspipe()
+        program.touch("failing")
+        program.interrupt()

@@ -22,6 +22,7 @@ def test_end_empties_the_line(gpspipe, arguments, faults):
         termios.tcflow(program.line_port, termios.TCOOFF)
         time.sleep(3.5)  # the thread looks once a second, and is blocked with the next batch
         if faults:  # after five seconds: the stalled log holds the server
+            assert "[syslog 6]INFO: Starting executable: " in program.output()
             program.last = f"[tcflush {termios.TCOFLUSH}]\n"
             program.touch("stalled-log")
             program.connect()
