@@ -60,5 +60,7 @@ TEST(handleNMEAString, decoratesGathersAndGates)
     for (std::size_t size = 0; size < 256UL * 1024; size += std::string_view("X-7$GPGSV,9,1,x").size())
         handleNMEAString("$GPGSV,9,1,x", 1, &id);
     EXPECT_LT(passed({"$GPGSV,9,9,y"}, 1).size(), 40) << "a group that grows without end is dropped";
+    nmeaDataSubject::getInstance()->detach(&mailbox);
+    EXPECT_EQ(passed({"$GPGGA,4\r\n"}, 1), "") << "nobody is left";
     sentenceFilters = {};
 }
