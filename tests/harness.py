@@ -66,9 +66,8 @@ class Peer:
 class Program:
     """The program, or the one with the faults, with a gpspipe of the test's own.
 
-    Its standard output and standard error are one text, which pytest shows when a test fails. Its arguments may have
-    $PORT in them, a port to listen on; $COLLECTOR, the port of an uplink's other side; and $LINE, a pseudo-terminal,
-    whose far end is `line`.
+    Arguments may have $PORT in them, a port to listen on; $COLLECTOR, the port of an uplink's other side; and $LINE, a
+    pseudo-terminal, whose far end is `line`. pytest shows the output, one text with the log, when a test fails.
     """
 
     def __init__(self, arguments, gpspipe="exec sleep 1000", faults=None, before=":"):

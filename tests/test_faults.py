@@ -114,8 +114,8 @@ def test_memory_may_be_out(option, threads):
     ("--server", 2)))
 def test_fails_when_nothing_that_is_wanted_starts(option, allocations):
     """For want of a process, a thread or memory."""
-    with Program("-e " + option, faults="navtwine:daemon:0:EAGAIN navtwine:pthread_create:1:EAGAIN "
-                 f"navtwine:operator_new:{allocations}:ENOMEM") as program:
+    with Program("-e " + option, faults="navtwine:daemon:0:EAGAIN navtwine:pthread_create:1:EAGAIN navtwine:"
+                 f"pthread_create:0:EAGAIN navtwine:operator_new:{allocations}:ENOMEM") as program:
         assert program.process.wait(30) == 1
         failed = "ERROR: out of memory|failed (to daemonize: errno = 11 |for thread 'navtwine main.*): Resource"
         assert re.search(failed, program.output())
