@@ -57,7 +57,7 @@ std::string Observer::getData()
     for (std::size_t at = 0; at < waiting; ++at) {
         all += queue[at];
         if (queue[at].capacity() > keptBytes)
-            queue[at] = std::string();
+            std::string().swap(queue[at]); // an assignment would keep the memory
     }
     if (queue.size() > defaultMailbox)
         queue.resize(defaultMailbox); // frees what a burst needed

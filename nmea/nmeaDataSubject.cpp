@@ -59,7 +59,7 @@ bool nmeaDataSubject::collectGSV(const std::string &sentence, std::string &group
     if (gsvBuffer.size() + sentence.size() > longestGroup) {
         KAV_LOG(ERROR, "nmeaDataSubject::collectGSV() : no GSV group was completed within %u bytes: dropped\n",
                 static_cast<unsigned int>(longestGroup));
-        gsvBuffer = std::string(); // and its memory
+        std::string().swap(gsvBuffer); // an assignment would keep the memory
     }
     const std::vector<std::string> fields = KAV::Text::split(sentence, ',', 0);
     gsvBuffer += sentence;
