@@ -1,5 +1,5 @@
 /// The least that reading gpspipe can cost: popen and fgets, nothing done with the lines. Prints its processor
-/// time in seconds, gpspipe's not included, and the number of lines.
+/// time in seconds, gpspipe's not included.
 
 #include <array>
 #include <cstdio>
@@ -11,12 +11,8 @@ int main()
     if (stream == nullptr)
         return 1;
     std::array<char, 512> line;
-    long lines = 0;
-    while (std::fgets(line.data(), static_cast<int>(line.size()), stream) != nullptr)
-        ++lines;
-    timespec used{};
-    ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
-    ::pclose(stream);
-    std::printf("%.6f %ld\n", static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9, lines);
-    return 0;
+    while (std::fgets(line.data(), static_cast<int>(line.size()), stream) != nullptr) {
+    }
+    std::printf("%.6f\n", static_cast<double>(std::clock()) / CLOCKS_PER_SEC);
+    return ::pclose(stream) == 0 ? 0 : 1;
 }

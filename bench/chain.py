@@ -2,10 +2,13 @@
 
 import contextlib
 import json
+import math
 import os
 import pty
 import re
+import select
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -13,152 +16,175 @@ import time
 import tty
 from pathlib import Path
 
-from harness import ESTABLISHED, OWN_THREADS, STANDIN, Failed, Navtwine, end_process, free_port, is_listening, \
-    peers, run, wait_until
+from harness import eventually
+from measuring import Navtwine, row, run, standin
 
-EPOCHS = 20      # fed, of a longer log the first
-LONGEST = 2000   # lines of a log that are looked at
-PERIOD = 1.5     # seconds from one epoch to the next: consumers look once a second, so each finds one epoch at most
-MAILBOX = 11     # messages; of a longer epoch the newest
-NEAR = 2e-6      # degrees: a digit in the fourth decimal of the minutes
-GPSPIPE = "/usr/bin/gpspipe"
-SENTENCE = re.compile(r"\$([A-Z]{2,}[A-Z0-9]*),.*")
-WANTED = re.compile(r"\$G[PN](GGA|RMC|GSA|ZDA|GBS|GLL|GSV|VTG),")
-TIME_FIELD = {"RMC": 1, "GGA": 1, "GNS": 1, "ZDA": 1, "GBS": 1, "GLL": 5}
+EPOCHS = 20    # fed, of a longer recording the first
+PERIOD = 1.2   # seconds at least from one epoch to the next: consumers look once a second
+MAILBOXES = {"": 11, "--immediate": 64}  # by option: messages; of a longer epoch the newest
+NEAR = 3e-6    # degrees: a digit in the fourth decimal of the minutes, both ways
+TAKEN = re.compile(r"\$..(GGA|RMC|GSA|ZDA|GBS|GLL|GSV|VTG),")
 
 
-def epochs_of(lines):
-    """Groups sentences: an epoch begins where the time in them changes."""
-    epochs, last_time = [], None
-    for line in lines:
-        fields = line.split(",")
-        column = TIME_FIELD.get(fields[0][-3:], len(fields))
-        when = fields[column] if column < len(fields) else ""
-        if not epochs or (when and last_time and when != last_time):
-            epochs.append([])
-        last_time = when or last_time
-        epochs[-1].append(line)
-    return epochs
+def epochs_of(recording):
+    """An epoch begins where a type comes again: sentences need not have a time, and need not all come in each epoch.
+    Of a recording without sentences, some bytes."""
+    epochs, kinds = [""], []
+    for piece in re.split(r"(?=\$[A-Z][A-Z0-9]+,)", recording):
+        kind = piece.partition(",")[0]
+        if kind in kinds[:-1] and kind != kinds[-1]:
+            epochs.append("")
+            kinds = []
+        epochs[-1] += piece
+        kinds.append(kind)
+    return epochs if len(epochs) > 1 else re.findall("(?s).{1,250}", recording)
 
 
-def messages_of(epochs):
-    """What navtwine makes of each epoch: a message a sentence, but one of a whole GSV group."""
-    group, messages = "", [[] for _ in epochs]
-    for number, epoch in enumerate(epochs):
-        for line in filter(WANTED.match, epoch):
-            group = group + line if "GSV," in line else line
-            fields = line.split(",")
-            if "GSV," not in line or fields[1] == fields[2]:
-                messages[number].append(group)
-                group = ""
-    return messages
+def binary_receiver():
+    """The epochs of one that speaks UBX and goes north from the equator: position (NAV-PVT), end of the epoch."""
+    for second in range(EPOCHS):
+        time_of_week = 302_400_000 + 1000 * second  # ms
+        position = struct.pack("<IHBBBBBBIiBBBBiiii2I5i2IH18x", time_of_week, 2026, 7, 1, 12, 0, second, 7, 50, 0, 3, 1,
+                               0, 11, 100_000_000, 2000 * second, 40_000, 4_000, 900, 1500, 2000, 0, 0, 2000, 0, 100,
+                               100_000, 170)
+        epoch = b""
+        for message, payload in (0x07, position), (0x61, struct.pack("<I", time_of_week)):
+            body = struct.pack("<BBH", 1, message, len(payload)) + payload
+            sums = sum(body), sum(byte * (len(body) - place) for place, byte in enumerate(body))
+            epoch += b"\xb5\x62" + body + bytes(number % 256 for number in sums)
+        yield epoch.decode("latin-1")
 
 
-def read_log(arguments):
-    if arguments:
-        text = Path(arguments[0]).read_text("latin-1")
-    else:
-        settings = {"GPSPIPE_RATE": "0", "GPSPIPE_EPOCHS": str(EPOCHS)}
-        text = subprocess.check_output([STANDIN / "gpspipe", "-r"], env=settings, text=True, timeout=20)
-    found = list(filter(None, map(SENTENCE.search, text.splitlines()[:LONGEST])))
-    if not found:
-        raise Failed("the log holds no NMEA sentence")
-    if not any(WANTED.match(sentence[0]) for sentence in found):
-        kinds = sorted({sentence[1] for sentence in found})
-        raise Failed(f"navtwine takes none of the log's sentences, by design: it holds {' '.join(kinds)}")
-    return epochs_of(sentence[0] + "\r\n" for sentence in found)[:EPOCHS]
+def start(stack, *command):
+    """Starts it until the stack is unwound. Returns how to read what it has printed so far."""
+    output = stack.enter_context(tempfile.NamedTemporaryFile())
+    process = stack.enter_context(subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output,
+                                                   stderr=subprocess.DEVNULL))
+    stack.callback(process.kill)
+    return lambda: Path(output.name).read_bytes().decode("latin-1")
 
 
-def start_gpsd(stack, *source):
-    port = free_port()
-    gpsd = subprocess.Popen(["/usr/sbin/gpsd", "-N", "-n", "-S", str(port), *source], stdin=subprocess.DEVNULL,
-                            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-    stack.callback(end_process, gpsd)
-    if not wait_until(lambda: gpsd.poll() is not None or is_listening(port), 10) or gpsd.poll() is not None:
-        raise Failed(f"gpsd does not listen on port {port} (status {gpsd.poll()})")
-    return port
+def start_gpsd(stack, source):
+    """Returns the address of a gpsd and how to read its reports."""
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        port = probe.getsockname()[1]
+    start(stack, "/usr/sbin/gpsd", "-N", "-n", "-S", str(port), source)
+    assert eventually(lambda: socket.socket().connect_ex(("127.0.0.1", port)) == 0), "gpsd does not listen"
+    return f"127.0.0.1:{port}", start(stack, "gpspipe", "-w", f"127.0.0.1:{port}")
 
 
 def positions_in(reports):
-    """{time: the (latitude, longitude) reported for it}"""
-    positions = {}
-    for report in map(json.loads, reports.read_text().splitlines()):
-        if report["class"] == "TPV" and {"time", "lat", "lon"} <= report.keys():
-            positions.setdefault(report["time"], []).append((report["lat"], report["lon"]))
-    return positions
+    """{(time, latitude, longitude)}"""
+    reports = map(json.loads, reports.splitlines())
+    return {(report["time"], report["lat"], report["lon"]) for report in reports
+            if report["class"] == "TPV" and {"time", "lat", "lon"} <= report.keys()}
 
 
-def compare_reports(first, second):
-    if len(first) < 5:
-        raise Failed(f"the log gives the first gpsd {len(first)} positions with a time: 5 are needed")
-    for moment, positions in second.items():
-        for here in positions:
-            if not any(max(abs(a - b) for a, b in zip(here, there)) < NEAR for there in first.get(moment, [])):
-                raise Failed(f"at {moment} the second gpsd reports {here}, the first one {first.get(moment)}")
-    if len(second) < len(first) * 0.75:  # sentences that navtwine does not take give positions, too
-        raise Failed(f"the second gpsd reports {len(second)} positions, the first one {len(first)}")
+class Consumer:
+    """One navtwine on a gpsd, with a client and a second gpsd behind it."""
+
+    def __init__(self, stack, address, option):
+        self.mailbox, self.expected, self.lost, self.wrong, self.text = MAILBOXES[option], 0, 0, "", ""
+        navtwine = stack.enter_context(Navtwine(option, f'PATH="${{PATH#*:}}"; exec gpspipe "$@" {address}'))
+        self.client = navtwine.connect()
+        _, self.reports = start_gpsd(stack, f"tcp://127.0.0.1:{navtwine.port}")
+        assert eventually(lambda: navtwine.handlers() == 2), "the second gpsd does not connect to navtwine"
+
+    def hear(self, messages):
+        """The client must get these of an epoch, in order; when they overflow a mailbox, the newest at least."""
+        overflowing, newest = messages[:-self.mailbox], messages[-self.mailbox:]
+        pattern = "".join(f"({re.escape(message)})?" for message in overflowing) + re.escape("".join(newest))
+
+        def all_came():
+            self.text += self.client.read_until("nothing more", 0.01)
+            return re.fullmatch(pattern, self.text)
+        if found := eventually(all_came, 0 if self.wrong else 10):
+            self.lost += found.groups().count(None)
+        else:
+            self.wrong = self.wrong or f"{messages} came as {self.text!r}\n"
+        self.expected += len(messages)
+        self.text = ""
+
+    def judge(self, name, first):
+        row(f"{name}: messages that a client got", f"{self.expected - self.lost} of {self.expected}",
+            f"of an epoch the newest {self.mailbox}", not self.wrong)
+        print(self.wrong, end="")
+        if not first or not self.expected:
+            reason = "no sentence of talker GP or GN" if first else "the recording has no fix"
+            row("  positions", "not judged", reason, None if sys.argv[1:] else False)
+            return
+        second = positions_in(self.reports())
+        same = [here for here in second if any(here[0] == there[0] and math.dist(here[1:], there[1:]) < NEAR
+                                               for there in first)]
+        least = 0 if self.lost else math.ceil(len(first) * 0.75)
+        row("  positions that the second gpsd reported", f"{len(second)} of {len(first)}, {len(same)} the same",
+            f"at least {least}, all the same", len(same) == len(second) >= least)
 
 
-def compare_sentences(expected, received):
-    """`expected`: epochs of messages. The client has all of them, in order, but of an epoch that overflows a mailbox
-    only the newest need be there. Returns how many were lost in that way."""
-    at = lost = 0
-    for epoch in expected:
-        for place, message in enumerate(epoch):
-            if received.startswith(message, at):
-                at += len(message)
-            elif len(epoch) - place > MAILBOX:
-                lost += 1
-            else:
-                raise Failed(f"the client should get\n{message}and gets\n{received[at:at + 200] or 'nothing more'}")
-    if received[at:]:
-        raise Failed(f"the client gets what gpspipe did not print: {received[at:at + 200]}")
-    return lost
+class Chain:
+    """A recording on its way: pseudo-terminal -> gpsd -> gpspipe -> navtwine, one in each mode."""
 
+    def __init__(self, stack, name, epochs):
+        self.name, self.epochs, self.seen, self.group, self.talkers = name, list(epochs)[:EPOCHS], 0, "", set()
+        self.receiver, far_end = pty.openpty()
+        tty.setraw(far_end)
+        os.chmod(os.ttyname(far_end), 0o666)  # gpsd gives root's rights up
+        address, self.reports = start_gpsd(stack, os.ttyname(far_end))
+        self.printed = start(stack, "gpspipe", "-r", address)
+        self.consumers = {option: Consumer(stack, address, option) for option in MAILBOXES}
 
-def feed(stack, folder, epochs):
-    """Sends the epochs through the chain. Returns what the client got."""
-    receiver, far_end = pty.openpty()
-    tty.setraw(far_end)
-    os.chmod(os.ttyname(far_end), 0o666)  # gpsd gives root's rights up
-    first_port = start_gpsd(stack, "-b", os.ttyname(far_end))
-    (folder / "gpspipe").write_text(f'#!/bin/sh\nexec {GPSPIPE} "$@" 127.0.0.1:{first_port}\n')
-    (folder / "gpspipe").chmod(0o755)
-    navtwine = stack.enter_context(Navtwine(gpspipe=folder))
-    client = stack.enter_context(socket.create_connection(("127.0.0.1", navtwine.port)))
-    second_port = start_gpsd(stack, f"tcp://127.0.0.1:{navtwine.port}")
-    for option, port, output in ("-r", first_port, "sentences"), ("-w", first_port, "first"), \
-                                ("-w", second_port, "second"):
-        gpspipe = subprocess.Popen([GPSPIPE, option, f"127.0.0.1:{port}"], stdout=open(folder / output, "wb"))
-        stack.callback(end_process, gpspipe)
-    if not wait_until(lambda: len(peers(first_port, ESTABLISHED)) == 3 and len(peers(second_port, ESTABLISHED)) == 1
-                      and navtwine.threads() == OWN_THREADS + 2, 10):
-        raise Failed("the chain does not connect")
-    time.sleep(2)  # they have asked for what they want
-    print(f"feeding {len(epochs)} epochs: {os.ttyname(far_end)} -> gpsd :{first_port} -> gpspipe -> "
-          f"navtwine :{navtwine.port} -> gpsd :{second_port}", flush=True)
-    for epoch in epochs:
-        os.write(receiver, "".join(epoch).encode("latin-1"))
-        time.sleep(PERIOD)
-    time.sleep(2)
-    if status := navtwine.stop():
-        raise Failed(f"navtwine ended with status {status}")
-    return client.makefile(encoding="latin-1", newline="").read()
+    def feed(self, number):
+        if select.select([self.receiver], [], [], 0)[0]:
+            os.read(self.receiver, 65536)  # gpsd asks and configures receivers
+        os.write(self.receiver, "".join(self.epochs[number:number + 1]).encode("latin-1"))
+
+    def hear(self):
+        """What gpspipe has printed since the last epoch must have come through."""
+        lines = self.printed().splitlines(keepends=True)
+        messages = list(self.messages_of(lines[self.seen:]))
+        self.seen = len(lines)
+        for consumer in self.consumers.values():
+            consumer.hear(messages)
+
+    def messages_of(self, lines):
+        """What navtwine makes of the lines: a message a sentence, but one of a whole GSV group."""
+        for line in filter(TAKEN.match, lines):
+            self.talkers.add(line[1:3])
+            if line[1:3] not in ("GP", "GN"):
+                continue
+            if "GSV," not in line:
+                yield line
+                continue
+            self.group += line
+            if line.split(",")[1] == line.split(",")[2]:
+                yield self.group
+                self.group = ""
+
+    def judge(self):
+        assert self.talkers, f"{self.name}: gpspipe prints none of the eight types of sentences"
+        if others := self.talkers - {"GP", "GN"}:
+            print(f"{self.name}: navtwine takes the talkers GP and GN, and not {' and '.join(sorted(others))}")
+        for option, consumer in self.consumers.items():
+            consumer.judge(f"{self.name}, {option or 'default'}", positions_in(self.reports()))
 
 
 def main():
-    epochs = read_log(sys.argv[1:])
+    recordings = {Path(name).name: epochs_of(Path(name).read_bytes().decode("latin-1")) for name in sys.argv[1:]}
+    if not recordings:
+        command = ["/bin/sh", "-c", standin("GPSPIPE_RATE=0", f"GPSPIPE_EPOCHS={EPOCHS}"), "gpspipe", "-r"]
+        recordings = {"stand-in": epochs_of(subprocess.check_output(command).decode()), "UBX": binary_receiver()}
     with contextlib.ExitStack() as stack:
-        folder = Path(stack.enter_context(tempfile.TemporaryDirectory()))
-        received = feed(stack, folder, epochs)
-        printed = (folder / "sentences").read_bytes().decode("latin-1").splitlines(keepends=True)
-        first, second = positions_in(folder / "first"), positions_in(folder / "second")
-    expected = messages_of(epochs_of(line for line in printed if SENTENCE.match(line)))
-    lost = compare_sentences(expected, received)
-    print(f"sentences: the client got {sum(map(len, expected)) - lost} messages as gpspipe printed them; "
-          f"{lost} overflowed the mailbox")
-    compare_reports(first, second)
-    print(f"positions: the second gpsd reported {len(second)} of the first one's {len(first)}, the same\nchain: OK")
+        chains = [Chain(stack, name, epochs) for name, epochs in recordings.items()]
+        time.sleep(2)  # they have asked for what they want
+        for number in range(EPOCHS + 1):  # gpsd may wait for the next epoch
+            for chain in chains:
+                chain.feed(number)
+            time.sleep(PERIOD)
+            for chain in chains:
+                chain.hear()
+        for chain in chains:
+            chain.judge()
 
 
 run(main)

@@ -1,19 +1,19 @@
 #!/usr/bin/env python3
-"""A gpspipe whose lines are numbered, three a second: $GPxxx,NUMBER,NUMBER,padding*hh
+"""A gpspipe that sends RATE epochs a second of MESSAGES lines each: $GPxxx,NUMBER,NUMBER,WRITTEN,padding
 
-The number is the time in thirds of a second since the machine started: it says how old a line is, and goes on rising
-when another gpspipe is started. It stands where a GSV sentence counts, so that each of these is a whole group."""
+The number goes on rising when another gpspipe is started, and says how long the padding is. It stands where a GSV
+sentence counts, so that each of these is a whole group. WRITTEN is the time since the machine started, in ns."""
 
 import os
 import random
 import time
-from functools import reduce
-from operator import xor
 
-number = int(time.monotonic() * 3)
+messages = int(os.environ["MESSAGES"])
+number = time.monotonic_ns() // 1_000_000
 while True:
-    number += 1
-    time.sleep(max(0, number / 3 - time.monotonic()))
-    name = random.choice(["GGA", "RMC", "GSA", "ZDA", "GBS", "GLL", "GSV", "VTG"])
-    body = f"GP{name},{number},{number},{'0' * random.randrange(200, 450)}"
-    os.write(1, f"${body}*{reduce(xor, body.encode()):02X}\r\n".encode())
+    time.sleep(1 / float(os.environ["RATE"]))
+    names = random.choices(["GGA", "RMC", "GSA", "ZDA", "GBS", "GLL", "GSV", "VTG"], k=messages)
+    written = time.monotonic_ns()
+    os.write(1, b"".join(b"$GP%s,%d,%d,%d,%s\r\n" % (name.encode(), at, at, written, at % 400 * b"0")
+                         for at, name in enumerate(names, number)))
+    number += messages
