@@ -15,7 +15,7 @@ import tempfile
 import time
 
 from harness import eventually
-from measuring import BUILD, FAULTS, NUMBERED, ROOT, VERDICT, Navtwine, Stream, row, rows, run, standin
+from measuring import BUILD, NUMBERED, ROOT, VERDICT, Navtwine, Stream, row, rows, run, standin
 
 RESULTS = ROOT / "bench" / "RESULTS.md"
 QUICK = "--quick" in sys.argv[1:]
@@ -127,8 +127,9 @@ def hundred_epochs_a_second():
                 navtwine.read(4)
                 used[mode].append((navtwine.processor_seconds() - before) / (time.monotonic() - began) * 1000)
         default, immediate = (min(used[mode]) for mode in MODES)
-        at_most(f"a line at 100 epochs a second, {count} clients: {default:.1f} us, --immediate {immediate:.1f} us",
-                immediate / default, limit, "{:.2f} times", 2)
+        print(f"processor time a line: {default:.1f} us, --immediate {immediate:.1f} us")
+        at_most(f"processor time a line at 100 epochs a second, clients: {count}, --immediate",
+                immediate / default, limit, "{:.2f} times the default", 2)
 
 
 # -- a receiver's real pace ----------------------------------------------------------------------------------
@@ -147,7 +148,7 @@ def system_calls():
                     strace.send_signal(signal.SIGINT)
                 calls = {name: int(number) for number, name in re.findall(r"^ *(\d+) (\w+)$", table.read(), re.M)}
             curve[count] = calls["total"] / calls["sendto"] * count
-            at_most(f"system calls an epoch at 1 Hz, {count} clients, {mode}", curve[count], limit, "{:.1f}", 2)
+            at_most(f"system calls an epoch at 1 Hz, clients: {count}, {mode}", curve[count], limit, "{:.1f}", 2)
 
 
 def delays():
@@ -159,9 +160,9 @@ def delays():
         for client, data, now in heard:
             streams.setdefault(client, Stream()).take(data, now)
         late = [ms for stream in streams.values() for ms in stream.late]
-        lost = sum(stream.missing + sum(stream.faults.values()) for stream in streams.values())
+        lost = sum(stream.missing + stream.faults for stream in streams.values())
         median, most = statistics.median(late), max(late)
-        limit = (12, 1000, len(late) // 100) if QUICK else (6, 15, 0)
+        limit = (20, 5000, len(late) // 100) if QUICK else (6, 15, 0)
         row(f"delay of 14 messages at {rate} Hz, 10 clients, --immediate: median, most, lost",
             f"{median:.1f} ms, {most:.1f} ms, {lost}", "at most {} ms, {} ms, {}".format(*limit),
             all(figure <= bound for figure, bound in zip((median, most, lost), limit)))
@@ -247,7 +248,7 @@ def main():
                    size):
         try:
             figure()
-        except FAULTS as failure:
+        except Exception as failure:
             row(figure.__name__, repr(failure), "a figure", False)
     if not QUICK:
         write_results()

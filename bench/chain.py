@@ -99,9 +99,9 @@ class Consumer:
         def all_came():
             self.text += self.client.read_until("nothing more", 0.01)
             return re.fullmatch(pattern, self.text)
-        if found := eventually(all_came, 0 if self.wrong else 10):
-            self.lost += found.groups().count(None)
-        else:
+        found = eventually(all_came, 0 if self.wrong else 10)
+        self.lost += found.groups().count(None) if found else len(messages)
+        if not found:
             self.wrong = self.wrong or f"{messages} came as {self.text!r}\n"
         self.expected += len(messages)
         self.text = ""
