@@ -41,7 +41,7 @@ class Navtwine(Program):
 
     def __init__(self, options="", gpspipe=standin(), before=":"):
         super().__init__("--server --server-port $PORT -e --interval 1 --gga --rmc --gsa --zda --gbs --gll --gsv --vtg "
-                         + options, gpspipe, before=f"unset MALLOC_PERTURB_; {before}")
+                         + options, gpspipe, before=f"unset MALLOC_PERTURB_ GLIBC_TUNABLES; {before}")
         self.last = ""
         self.own_threads = 0
 
