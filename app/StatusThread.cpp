@@ -15,15 +15,12 @@ namespace {
 
 using enum SentenceType;
 
-struct TypeRow {
-    SentenceType type;
-    const char *option;
-};
+using TypeRow = std::pair<SentenceType, const char *>;
 
 /// In the order of the usage text.
 constexpr std::array<TypeRow, sentenceTypeCount> typeRows{
     {{GGA, "gga"}, {GSA, "gsa"}, {GSV, "gsv"}, {GLL, "gll"}, {RMC, "rmc"}, {VTG, "vtg"}, {ZDA, "zda"}, {GBS, "gbs"}}};
-static_assert(typeRows.back().option != nullptr, "every type has its name");
+static_assert(typeRows.back().second != nullptr, "every type has its name");
 
 } // namespace
 

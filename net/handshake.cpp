@@ -14,9 +14,9 @@
 
 namespace {
 
-constexpr int pollStep = 1000;              ///< milliseconds
-constexpr unsigned int lineSize = 256;      ///< bytes, including the terminating NUL
-constexpr unsigned int timeoutSeconds = 30; ///< per received line
+constexpr int pollStep = 1000;           ///< milliseconds
+constexpr unsigned int lineSize = 256;   ///< bytes, including the terminating NUL
+constexpr unsigned int lineTimeout = 30; ///< seconds, per received line
 
 enum class ReadResult { byte, nothingYet, failed };
 
@@ -52,7 +52,7 @@ public:
     /// Reads the peer's next line; false on a time-out or a failed connection.
     [[nodiscard]] bool receive(int socketDescriptor)
     {
-        return read_line_from_socket(socketDescriptor, bytes.data(), lineSize, timeoutSeconds) >= 0;
+        return read_line_from_socket(socketDescriptor, bytes.data(), lineSize, lineTimeout) >= 0;
     }
 
     /// True when the line, stripped of CR and LF, equals `text`.

@@ -1,13 +1,13 @@
 #include "net/reserve.h"
 
 #include "support/Descriptor.h"
+#include "support/Lock.h"
 #include "support/Thread.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <memory>
-#include <mutex>
 #include <sys/resource.h>
 #include <sys/socket.h>
 
@@ -19,12 +19,12 @@ constexpr std::size_t reservedTasks = 2;
 /// A thread that ends when it gets the lock.
 class TrialThread : public KAV::Thread {
 public:
-    explicit TrialThread(std::mutex &_gate) : KAV::Thread("navtwine trial", true), gate(_gate) { KAV::Thread::start(); }
+    explicit TrialThread(KAV::Lock &_gate) : KAV::Thread("navtwine trial", true), gate(_gate) { KAV::Thread::start(); }
     ~TrialThread() override { KAV::Thread::wait(); }
-    void execute() override { const std::lock_guard passed(gate); }
+    void execute() override { const KAV::Hold passed(gate); }
 
 private:
-    std::mutex &gate;
+    KAV::Lock &gate;
 };
 
 } // namespace
@@ -44,9 +44,9 @@ bool isDescriptorFree()
 
 bool areTasksFree()
 {
-    std::mutex gate;
+    KAV::Lock gate;
     std::array<std::unique_ptr<TrialThread>, 1 + reservedTasks> trials;
-    const std::lock_guard closed(gate); // none ends before all are there
+    const KAV::Hold closed(gate); // none ends before all are there
     return std::all_of(trials.begin(), trials.end(), [&gate](auto &trial) {
         trial.reset(KAV::startWorker<TrialThread>(gate));
         return trial != nullptr;

@@ -1,22 +1,13 @@
 #include "support/Broadcast.h"
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <linux/futex.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace KAV {
-
-namespace {
-
-/// What SYS_futex takes on every machine. timespec is larger than that on 32-bit machines with a 64-bit time_t.
-struct KernelTime {
-    long seconds;
-    long nanoseconds;
-};
-
-} // namespace
 
 void Broadcast::send()
 {
@@ -34,9 +25,10 @@ bool Broadcast::await(std::uint32_t seen, Clock::time_point deadline) const
             return false;
         // A wait for `never` looks at the clock again once a month.
         const auto nanoseconds = duration_cast<std::chrono::nanoseconds>(std::min<Clock::duration>(left, hours{720}));
-        const KernelTime timeout{static_cast<long>(nanoseconds.count() / 1'000'000'000),
-                                 static_cast<long>(nanoseconds.count() % 1'000'000'000)};
-        ::syscall(SYS_futex, &counter, FUTEX_WAIT_PRIVATE, seen, &timeout, nullptr, 0);
+        // Seconds and nanoseconds as SYS_futex takes them; timespec is larger where time_t has 64 bits and long 32.
+        const std::array<long, 2> timeout{static_cast<long>(nanoseconds.count() / 1'000'000'000),
+                                          static_cast<long>(nanoseconds.count() % 1'000'000'000)};
+        ::syscall(SYS_futex, &counter, FUTEX_WAIT_PRIVATE, seen, timeout.data(), nullptr, 0);
     }
     return true;
 }

@@ -22,7 +22,9 @@ struct Worker : KAV::Thread {
 TEST(Thread, hasASmallStackAndLogsWhatLeavesItsBody)
 {
     testing::internal::CaptureStderr();
-    Worker();
+    {
+        const Worker worker;
+    }
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "ERROR: thread 'navtwine worker of a test' ended early: worker of a tes\n");
 }

@@ -22,18 +22,20 @@ static std::string answer(const std::string &heard, const std::function<void(int
 
 TEST(handshake, admitsPeersThatKnowThePassword)
 {
-    const std::tuple<std::string, std::string, std::string> cases[] = {
+    const struct {
+        std::string password, heard, said;
+    } cases[] = {
         {"abc", "\rabc\nnext", "OK\r\n"},
         {"abc", "ab\r\nabcd\r\nabc\r\n", "ERROR\r\nPASSWORD\r\nERROR\r\nPASSWORD\r\nOK\r\n"},
         {"abc", "ABC\r\n\r\nxabc\r\nabc\r\n", "ERROR\r\nPASSWORD\r\nERROR\r\nPASSWORD\r\nERROR\r\n"},
         {"zz", std::string(514, 'z') + "\n", "ERROR\r\nPASSWORD\r\nERROR\r\nPASSWORD\r\nOK\r\n"}, // 256 bytes at once
         {std::string(255, 's'), std::string(255, 's') + "\n", "OK\r\n"},
     };
-    for (const auto &[password, heard, said] : cases) {
+    for (const auto &row : cases) {
         bool admitted = false;
-        EXPECT_EQ(answer(heard, [&](int own) { admitted = handshake::admit(own, password, 3); }),
-                  "PASSWORD\r\n" + said);
-        EXPECT_EQ(admitted, said.ends_with("OK\r\n")) << heard;
+        EXPECT_EQ(answer(row.heard, [&](int own) { admitted = handshake::admit(own, row.password, 3); }),
+                  "PASSWORD\r\n" + row.said);
+        EXPECT_EQ(admitted, row.said.ends_with("OK\r\n")) << row.heard;
     }
 }
 
