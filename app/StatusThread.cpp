@@ -86,25 +86,18 @@ void StatusThread::execute()
     notifyServiceManager(manager, "STOPPING=1");
 }
 
+StatusThread::Counts::Counts() { std::copy(statistics.passed.begin(), statistics.passed.end(), passed.begin()); }
+
 /// "10 s: 120 lines read; passed gga 10; server: 3 clients, 0 lost", counted since `last`. `isError`: nothing was read,
 /// something was lost, or a consumer does not work.
 std::string StatusThread::report(Counts &last, bool &isError) const
 {
-    Counts now;
-    std::copy(statistics.passed.begin(), statistics.passed.end(), now.passed.begin());
+    const Counts now;
     std::ostringstream text;
     text << std::chrono::round<std::chrono::seconds>(now.time - last.time).count() << " s: " << now.lines - last.lines
-         << " lines read; passed";
-    const char *separator = " ";
-    for (const auto &[type, option] : typeRows) {
-        const auto index = static_cast<std::size_t>(type);
-        if (!filterOf(type).enabled)
-            continue;
-        text << separator << option << ' ' << now.passed[index] - last.passed[index];
-        separator = ", ";
-    }
-
+         << " lines read; passed" << typesPassed(now, last);
     isError = now.lines == last.lines;
+
     const auto tell = [&](std::size_t index, const ConsumerStatistics &consumer, const std::string &works,
                           const char *fails) {
         const std::uint32_t lost = now.lost[index] - last.lost[index];
@@ -122,6 +115,20 @@ std::string StatusThread::report(Counts &last, bool &isError) const
         tell(2, statistics.serial, "serial: open", "serial: not open");
     last = now;
     return text.str();
+}
+
+/// " gga 10, rmc 9"; the types that are on.
+std::string StatusThread::typesPassed(const Counts &now, const Counts &last)
+{
+    std::string text;
+    for (const auto &[type, option] : typeRows) {
+        const auto index = static_cast<std::size_t>(type);
+        if (!filterOf(type).enabled)
+            continue;
+        text.append(text.empty() ? " " : ", ").append(option).append(" ");
+        text += std::to_string(now.passed[index] - last.passed[index]);
+    }
+    return text;
 }
 
 void StatusThread::logReport()

@@ -28,6 +28,8 @@ private:
 
     /// `statistics` at one instant.
     struct Counts {
+        Counts();
+
         Clock::time_point time = Clock::now();
         std::uint32_t lines = statistics.linesRead;
         std::array<std::uint32_t, 3> lost{statistics.server.lost, statistics.uplink.lost, statistics.serial.lost};
@@ -35,6 +37,7 @@ private:
     };
 
     [[nodiscard]] std::string report(Counts &last, bool &isError) const;
+    [[nodiscard]] static std::string typesPassed(const Counts &now, const Counts &last);
     void logReport();
     void tellManager();
 

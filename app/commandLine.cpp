@@ -1,5 +1,6 @@
 #include "app/commandLine.h"
 
+#include "app/usage.h"
 #include "nmea/sentence.h"
 #include "support/Logger.h"
 #include "support/wipe_string.h"
@@ -19,46 +20,6 @@ const std::map<std::string, std::uint16_t> baudTable{
 };
 
 namespace {
-
-constexpr const char *usage = R"(
-usage: navtwine [OPTIONS]
-
-OPTIONS:
- --[no-]daemonize
- --[no-]timestamp
-
- --[no-]server
- --server-port PORT [default: 5445]
- --server-passwd PASSWD
- --[no-]client
- --client-protocol tcp|udp [default: tcp]
- --client-remote-host IPADDR/MASK
- --client-port PORT [default: 5445]
- --client-passwd PASSWD
- --serial SERIAL_PORT
- --baud [default: 115200]
- --datalength [7|8 default: 8]
- --parity [none|odd|even default: none]
- --stopbits [1|2 default: 1]
- --hwflow
- [--rs485]
-
- --id ID
- --id-prefix PREFIX
- --interval INTERVAL [default: 10]
-
- --[no-]gga
- --[no-]gsa
- --[no-]gsv
- --[no-]gll
- --[no-]rmc
- --[no-]vtg
- --[no-]zda
- --[no-]gbs
-
- --loglevel [1-100 default 30] )"
-                              "\n"
-                              " -e  use stderr for log (default: disabled)\n";
 
 [[noreturn]] void abortExecution(const std::string &complaint)
 {
@@ -251,8 +212,8 @@ std::string complaintAbout(const ValueOption &option, const char *value)
 {
     if (option.isValid(value))
         return {};
-    return "Invalid value of " + std::string(option.name) + (option.isValid == isPassword ? "" : " ") +
-           (option.isValid == isPassword ? "" : value);
+    const std::string name(option.name);
+    return "Invalid value of " + (option.isValid == isPassword ? name : name + " " + value);
 }
 
 /// What does not fit together; empty if all does.
@@ -271,28 +232,7 @@ std::string findContradiction(const RunSettings &settings)
     return {};
 }
 
-[[noreturn]] void printVersion()
-{
-    std::puts("navtwine " NAVTWINE_VERSION);
-    std::fflush(stdout);
-    std::exit(0);
-}
-
 } // namespace
-
-bool wantsUsage(int argc, char *argv[])
-{
-    const bool isEmpty = argc <= 1 || (argc == 2 && std::string_view(argv[1]) == "--strict");
-    return isEmpty || std::any_of(argv + 1, argv + argc,
-                                  [](std::string_view argument) { return argument == "-h" || argument == "--help"; });
-}
-
-void printUsage()
-{
-    std::puts(usage);
-    std::fflush(stdout);
-    std::exit(0);
-}
 
 RunSettings parseCommandLine(int argc, char *argv[])
 {

@@ -9,15 +9,8 @@
 /// The baud rates that the command line accepts, as exact text, with their termios speed codes.
 extern const std::map<std::string, std::uint16_t> baudTable;
 
-/// True when there is no argument but --strict, or any argument is exactly "-h" or "--help", even as the value of an
-/// option.
-[[nodiscard]] bool wantsUsage(int argc, char *argv[]);
-
-/// Prints the usage text on standard output and ends the process with status 0.
-[[noreturn]] void printUsage();
-
-/// Parses the whole command line. Unknown arguments and an option without its value are ignored; the last of
-/// repeated options wins.
+/// Parses the whole command line. Unknown arguments and an option without its value are ignored, or with --strict an
+/// error; the last of repeated options wins. --version ends the process with status 0.
 ///
 /// Side effects: sets the log threshold at every --loglevel and the switches of `sentenceFilters`; overwrites the
 /// passwords in `argv`, since ps(1) shows them.
