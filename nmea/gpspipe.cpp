@@ -70,7 +70,8 @@ int signalWriters(int signal)
     ssize_t size = 0;
     while ((size = ::getdents64(processes.get(), entries.data(), entries.size())) > 0) {
         for (ssize_t at = 0; at < size;) {
-            const auto *const entry = reinterpret_cast<const dirent64 *>(entries.data() + at);
+            const void *const record = entries.data() + at; // aligned by the kernel
+            const auto *const entry = static_cast<const dirent64 *>(record);
             const pid_t process = std::atoi(entry->d_name); // 0 for entries that are not processes
             if (process > 0 && process != ::getpid() && writesTo(pipe.data(), process) && ::kill(process, signal) == 0)
                 ++found;
