@@ -12,7 +12,7 @@ struct ConsumerStatistics {
     enum State : std::uint8_t { STARTING, WORKS, FAILS };
 
     std::atomic<State> state{STARTING};
-    std::atomic<std::uint32_t> lost{0}; ///< messages that mailboxes dropped; counted by main under their `queueLock`
+    std::atomic<std::uint32_t> lost{0}; ///< messages that mailboxes dropped; counted by main
 };
 
 /// Totals since the start of the process; they wrap round. Thread: main counts, without a lock; any may read.
