@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
-#include <sstream>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -67,54 +66,60 @@ void StatusThread::execute()
 {
     const std::chrono::seconds logInterval{settings.statusInterval};
     auto nextLog = logInterval.count() > 0 ? Clock::now() + logInterval : KAV::Broadcast::never;
-    auto nextWord = manager.isOpen() ? Clock::now() : KAV::Broadcast::never;
+    auto nextNotify = manager.isOpen() ? Clock::now() : KAV::Broadcast::never;
     for (;;) {
-        const std::uint32_t seen = statistics.changes.generation(); // before the looks: no change is missed
-        if (Clock::now() >= nextWord) {
-            tellManager();
-            nextWord = Clock::now() + std::chrono::seconds{10};
+        const std::uint32_t seen = statistics.changes.generation(); // first: no later change is missed
+        if (Clock::now() >= nextNotify) {
+            notifyManager();
+            nextNotify = Clock::now() + std::chrono::seconds{10};
         }
         if (finished || exitRequested != 0)
             break;
-        if (statistics.changes.await(seen, std::min(nextLog, nextWord)) && manager.isOpen())
-            nextWord = Clock::now();
+        if (statistics.changes.await(seen, std::min(nextLog, nextNotify)) && manager.isOpen())
+            nextNotify = Clock::now();
         if (Clock::now() >= nextLog) {
             static_cast<void>(KAV::ifMemoryAllows([this] { logReport(); })); // otherwise it is lost
-            nextLog += logInterval;
+            nextLog = Clock::now() + logInterval; // a log that held this up is not made up for
         }
     }
     notifyServiceManager(manager, "STOPPING=1");
 }
 
-StatusThread::Counts::Counts() { std::copy(statistics.passed.begin(), statistics.passed.end(), passed.begin()); }
+StatusThread::Counts::Counts()
+    : time(Clock::now()),
+      lines(statistics.linesRead),
+      lost{statistics.server.lost, statistics.uplink.lost, statistics.serial.lost}
+{
+    std::copy(statistics.passed.begin(), statistics.passed.end(), passed.begin());
+}
 
 /// "10 s: 120 lines read; passed gga 10; server: 3 clients, 0 lost", counted since `last`. `isError`: nothing was read,
 /// something was lost, or a consumer does not work.
 std::string StatusThread::report(Counts &last, bool &isError) const
 {
     const Counts now;
-    std::ostringstream text;
-    text << std::chrono::round<std::chrono::seconds>(now.time - last.time).count() << " s: " << now.lines - last.lines
-         << " lines read; passed" << typesPassed(now, last);
+    const auto seconds = std::chrono::round<std::chrono::seconds>(now.time - last.time).count();
+    std::string text = std::to_string(seconds) + " s: " + std::to_string(now.lines - last.lines) +
+                       " lines read; passed" + typesPassed(now, last);
     isError = now.lines == last.lines;
 
-    const auto tell = [&](std::size_t index, const ConsumerStatistics &consumer, const std::string &works,
-                          const char *fails) {
+    const auto add = [&](std::size_t index, const ConsumerStatistics &consumer, const std::string &works,
+                         const std::string &fails) {
         const std::uint32_t lost = now.lost[index] - last.lost[index];
         const bool isWorking = consumer.state == ConsumerStatistics::WORKS;
-        text << "; " << (isWorking ? works : fails) << ", " << lost << " lost";
+        text += "; " + (isWorking ? works : fails) + ", " + std::to_string(lost) + " lost";
         isError = isError || lost > 0 || !isWorking;
     };
     const std::uint32_t clients = statistics.clients;
     const std::string served = "server: " + std::to_string(clients) + (clients == 1 ? " client" : " clients");
     if (settings.serverEnabled)
-        tell(0, statistics.server, served, "server: not listening");
+        add(0, statistics.server, served, "server: not listening");
     if (settings.clientEnabled)
-        tell(1, statistics.uplink, "uplink: connected", "uplink: not connected");
+        add(1, statistics.uplink, "uplink: connected", "uplink: not connected");
     if (!settings.serialPort.empty())
-        tell(2, statistics.serial, "serial: open", "serial: not open");
+        add(2, statistics.serial, "serial: open", "serial: not open");
     last = now;
-    return text.str();
+    return text;
 }
 
 /// " gga 10, rmc 9"; the types that are on.
@@ -141,10 +146,11 @@ void StatusThread::logReport()
         KAV_LOG(INFO, "status: %s\n", line.c_str());
 }
 
-void StatusThread::tellManager()
+void StatusThread::notifyManager()
 {
     const bool isServerSetUp = !settings.serverEnabled || statistics.server.state != ConsumerStatistics::STARTING;
     isReady = isReady || (isServerSetUp && notifyServiceManager(manager, "READY=1"));
     bool isError = false;
-    static_cast<void>(KAV::ifMemoryAllows([&] { notifyServiceManager(manager, "STATUS=" + report(told, isError)); }));
+    static_cast<void>(
+        KAV::ifMemoryAllows([&] { notifyServiceManager(manager, "STATUS=" + report(notified, isError)); }));
 }

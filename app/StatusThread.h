@@ -30,21 +30,21 @@ private:
     struct Counts {
         Counts();
 
-        Clock::time_point time = Clock::now();
-        std::uint32_t lines = statistics.linesRead;
-        std::array<std::uint32_t, 3> lost{statistics.server.lost, statistics.uplink.lost, statistics.serial.lost};
+        Clock::time_point time;
+        std::uint32_t lines;
+        std::array<std::uint32_t, 3> lost;
         std::array<std::uint32_t, sentenceTypeCount> passed{};
     };
 
     [[nodiscard]] std::string report(Counts &last, bool &isError) const;
     [[nodiscard]] static std::string typesPassed(const Counts &now, const Counts &last);
     void logReport();
-    void tellManager();
+    void notifyManager();
 
     const RunSettings &settings;
     const KAV::Descriptor &manager;
     Counts logged;        ///< at the last line of the log
-    Counts told;          ///< at the last word to the service manager
+    Counts notified;      ///< when the service manager was last notified
     bool isReady = false; ///< the service manager was told so
     std::atomic<bool> finished{false};
 };

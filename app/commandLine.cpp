@@ -80,7 +80,7 @@ void setClientProtocol(RunSettings &settings, char *value)
 }
 
 template <std::int32_t RunSettings::*field>
-void setInterval(RunSettings &settings, char *value)
+void setSeconds(RunSettings &settings, char *value)
 {
     settings.*field = static_cast<std::int32_t>(std::strtoul(value, nullptr, 0));
 }
@@ -190,9 +190,9 @@ constexpr std::array valueOptions{
     ValueOption{"--stopbits", setStopBits, isNumber<1, 2>},
     ValueOption{"--id", setText<&RunSettings::stationId>},
     ValueOption{"--id-prefix", setText<&RunSettings::stationIdPrefix>},
-    ValueOption{"--interval", setInterval<&RunSettings::interval>, isSeconds},
+    ValueOption{"--interval", setSeconds<&RunSettings::interval>, isSeconds},
     ValueOption{"--loglevel", setLogLevel, isNumber<1, 100>},
-    ValueOption{"--status", setInterval<&RunSettings::statusInterval>, isSeconds},
+    ValueOption{"--status", setSeconds<&RunSettings::statusInterval>, isSeconds},
 };
 
 /// False if `argument` is no switch. An opposite that does not exist matches nothing.
@@ -238,6 +238,7 @@ RunSettings parseCommandLine(int argc, char *argv[])
 {
     RunSettings settings;
     std::string complaint; // the first
+    std::string_view previous = "navtwine";
     for (int index = 1; index < argc; ++index) {
         const std::string_view argument(argv[index]);
         const auto *const option = std::find_if(valueOptions.begin(), valueOptions.end(),
@@ -249,8 +250,11 @@ RunSettings parseCommandLine(int argc, char *argv[])
             next = complaintAbout(*option, argv[++index]);
             option->set(settings, argv[index]);
         } else if (!applySwitch(settings, argument)) {
-            next = "Unknown, or without its value: " + std::string(argument);
+            // Stray text may be a part of a password.
+            next = argument.starts_with('-') ? "Unknown, or without its value: " + std::string(argument)
+                                             : "Unexpected text after " + std::string(previous);
         }
+        previous = argument;
         complaint = complaint.empty() ? next : complaint;
     }
     if (complaint.empty())

@@ -97,7 +97,9 @@ void ServerThread::serve(Descriptor listener) const
 void ServerThread::startHandler(Descriptor connection) const
 {
     // The handler deletes itself.
-    if (!areTasksFree() ||
-        KAV::startWorker<ClientHandlerThread>(std::move(connection), password, maxLoginAttempts) == nullptr)
-        reportShortage();
+    if (areTasksFree() &&
+        KAV::startWorker<ClientHandlerThread>(std::move(connection), password, maxLoginAttempts) != nullptr)
+        return;
+    KAV_LOG(ERROR, "a client is refused: no memory, or no thread but those for gpspipe\n");
+    reportShortage();
 }

@@ -28,8 +28,8 @@ struct Statistics {
     /// Any thread.
     void setState(ConsumerStatistics &consumer, ConsumerStatistics::State next)
     {
-        consumer.state = next;
-        changes.send();
+        if (consumer.state.exchange(next) != next)
+            changes.send();
     }
 };
 inline constinit Statistics statistics;

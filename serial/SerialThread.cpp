@@ -49,8 +49,10 @@ private:
 void writeBatch(int port, const std::string &batch)
 {
     KAV_LOG(DEBUG, "serial:%s", batch.c_str());
-    if (write_all(port, batch.data(), batch.size()) < 0)
+    const bool wasWritten = write_all(port, batch.data(), batch.size()) >= 0;
+    if (!wasWritten)
         KAV_LOG_ERRNO("serial write() of [NMEA STRING DATA] failed : error code = %d : %s\n");
+    statistics.setState(statistics.serial, wasWritten ? ConsumerStatistics::WORKS : ConsumerStatistics::FAILS);
     // On a slow line the newest messages go out next, and not what fills the driver's buffer of some seconds.
     if (pulse != nullptr)
         ::tcdrain(port);

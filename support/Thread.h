@@ -18,8 +18,8 @@ namespace KAV {
 /// destructor calls `stop` if `isAlive`, before anything that the body uses is destroyed.
 ///
 /// SIGINT, SIGHUP, SIGPIPE and SIGALRM are blocked on the new thread; the main thread handles them.
-/// Cancellation (`stop`, `cancel`) takes effect at the cancellation points of pthreads(7); bodies block in nothing
-/// else.
+/// Cancellation (`stop`, `cancel`) takes effect at the cancellation points of pthreads(7). Bodies block in nothing else
+/// but KAV::Broadcast, whose waits an exit request ends.
 class Thread {
 public:
     Thread(const Thread &) = delete;
