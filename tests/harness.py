@@ -122,6 +122,10 @@ class Program:
         """Wait for texts in the output."""
         return all(eventually(lambda: text in self.output()) for text in texts)
 
+    def logs(self, pattern):
+        """Wait for what matches a regular expression in the output."""
+        return eventually(lambda: re.search(pattern, self.output()))
+
     def gpspipe(self):
         """The number of gpspipe's process, as soon as there is one."""
         eventually((self.folder / "pid").exists)

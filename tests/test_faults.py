@@ -18,10 +18,11 @@ ROWS = (
     ("isLogged", "", """
         navtwine:popen:0:EMFILE navtwine:pthread_create:0:EAGAIN server-thr:socket:1:EMFILE
         server-thr:pthread_create:0:EAGAIN server-thr:pthread_create:3:EAGAIN handler:recv:0:ECONNRESET
-        handler:poll:1:ENOMEM serial:ioctl:0:EIO serial:write:0:EIO""", (
+        handler:poll:1:ENOMEM handler:operator_new:0:ENOMEM serial:ioctl:0:EIO serial:write:0:EIO""", (
         "failed to popen stream for reading output of command 'gpspipe -r'\n", "'navtwine stop-thread': Resource ",
         "no client is accepted until a descriptor is free: error code: 24 : ", "'navtwine trial'",
         "'navtwine client-handler-thread for ",
+        "' ended early: std::bad_alloc\n",
         "ERROR: read_line_from_socket() failed or timed out\nERROR: failed to login.\n",
         "ERROR: RS485 configurating error. errno:5 - ", "ERROR: serial write() of [NMEA STRING DATA] failed : ")),
     ("handshake", "", """
@@ -61,11 +62,12 @@ def log_in(program):
 @pytest.mark.parametrize("name, lost, faults, says", ROWS, ids=[row[0] for row in ROWS])
 def test_any_call_may_fail(name, lost, faults, says):
     """The log tells, every consumer but the lost ones gets its stream, nothing stays open, the end is in order."""
-    with start_all(faults) as program:
+    with start_all(faults, option="--status 1" if lost else "") as program:
         if "uplink" not in lost:
             assert eventually(lambda: program.accept("PASSWORD\r\nOK\r\n").hears("A,1"))
         if "server" not in lost:
             assert eventually(lambda: log_in(program).hears("A,1"))
+        assert program.says(*(f"{consumer}: not " for consumer in lost.split())), "the status line tells"
         written = program.line.read_until("never", 2)
         assert bool(written) != ("serial" in lost)
         assert re.fullmatch(r"(\$GPGGA,1\r?\n)*", written), "a cut line"
@@ -75,6 +77,7 @@ def test_any_call_may_fail(name, lost, faults, says):
         program.interrupt()
         output = program.output()
         assert output.count(" fails]\n") == len(re.findall("[A-Z]+", faults))
+        assert max(map(int, re.findall(r"\[stack (\d+)]", output))) <= 1024 * 1024, "248 KiB; with sanitizers more"
         for text in says:
             assert text in output
         if name == "recovers":  # a pseudo-terminal is no RS485 port, and a first password was wrong

@@ -17,6 +17,16 @@ REFUSALS = (
 )
 
 
+SECRET = "secret" + 248 * "s"  # one byte less than a line of the handshake may have
+
+# What clients answer to the prompts, and what they are told.
+LOGINS = (
+    (f"\r{SECRET}\nno more", "OK"),
+    (f"{SECRET[:-1]}\r\n{SECRET}s\n{SECRET}\r\n", "ERROR ERROR OK"),
+    (512 * "s" + SECRET + "\n", "ERROR ERROR OK"),  # 256 bytes at once
+    (f"{SECRET.upper()}\r\n\r\ns{SECRET}\n", "ERROR ERROR ERROR"),
+)
+
 COUNTING = r"n=1000; while printf '$GPGGA,%d\r\n$GPRMC,off\r\n' $n; do n=$((n+1)); sleep 0.4; done"
 
 
@@ -46,11 +56,24 @@ def test_uplink_tries_again():
             assert f"[setsockopt {option}]" in program.output()
 
 
+def test_clients_that_know_the_password_are_admitted():
+    """With the option the log names them."""
+    with Program(f"{SERVER} --server-passwd {SECRET} --status 9") as program:
+        for answer, verdicts in LOGINS:
+            client = program.connect(answer)
+            assert client.read_until("OK\r\n") == f"\r\n{PROMPT}".join(verdicts.split()) + "\r\n"
+            who = rf"client \d+: 127.0.0.1 port {client.stream.getsockname()[1]}"
+            assert program.logs(rf"INFO: {who}\n")
+            failed = re.search(rf"ERROR: failed to login.\nERROR: {who}: login failed\n", program.output())
+            assert bool(failed) != ("OK" in verdicts)
+
+
 def test_client_that_stops_reading_gets_the_newest_later():
-    with Program(SERVER + "--gsv", r"""timeout 5 yes "$(printf '$GPGSV,30,%d,%0480d\n' $(seq -f '%g 0' 30))"
+    with Program(SERVER + "--gsv --status 1", r"""timeout 5 yes "$(printf '$GPGSV,30,%d,%0480d\n' $(seq -f '%g 0' 30))"
                                        touch passed; exec yes '$GPGGA,new'""") as program:
         sleeper = program.connect()
         sleeper.stream.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16384)  # or it would hold most of what is late
+        assert program.logs(r"ERROR: status: .*; passed gga 0, gsv [1-9]\d*; server: 1 client, [1-9]\d* lost")
         assert eventually((program.folder / "passed").exists), "the stream waits for one client"
         woken = sleeper.read_until("new")
         assert "new" in woken

@@ -2,11 +2,12 @@
 import os
 import re
 import signal
+import socket
 import time
 from pathlib import Path
 
 import pytest
-from harness import EMULATED, NAVTWINE, REPEAT, SERVER, Program, eventually, runs
+from harness import ALL, EMULATED, NAVTWINE, REPEAT, SERVER, Peer, Program, eventually, runs
 
 LIFECYCLE = f"INFO: Starting executable: {''.join(NAVTWINE[-1:])}\nINFO: execution complete\n"
 USAGE = (r"\nusage: navtwine \[OPTIONS\]\n\nOPTIONS:\n --\[no-\]daemonize\n.*server-port PORT .default: 5445.*client"
@@ -18,6 +19,9 @@ def test_ends_at_once_without_work():
             ("", 0, USAGE),
             ("--server --id -h", 0, USAGE),
             ("--help -e", 0, USAGE),
+            ("--strict", 0, USAGE),
+            ("--servr --version --strict", 0, r"navtwine \d+\.\d+\.\d+\n"),
+            ("--gga --serial $LINE -e --strict x", 1, re.escape("Unknown, or without its value: x[ABORTING EXECUTION]\n")),
             ("--baud 09600 --stopbits 7", 1, re.escape("Invalid baud value 09600[ABORTING EXECUTION]\n")),
             ("--stopbits two", 1, re.escape("Invalid stop value two[ABORTING EXECUTION]\n")),
             ("--datalength 9", 1, re.escape("Invalid datalength value 9[ABORTING EXECUTION]\n")),
@@ -30,6 +34,33 @@ def test_ends_at_once_without_work():
             assert program.process.wait(30) == status, arguments
             assert re.fullmatch(expected, program.output(), re.DOTALL), arguments
             assert status or not (program.folder / "started").exists(), arguments
+
+
+def test_it_says_what_works():
+    """The log as often as it is told to, and the service manager (sd_notify(3)) whenever something changes."""
+    manager = Peer(socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM))
+    name = f"navtwine-test-{os.getpid()}"
+    manager.stream.bind("\0" + name)
+    with Program(ALL + "--rmc --gsv --status 1 --client-passwd secret", r"""
+            while printf "\$GPRMC,${NOTIFY_SOCKET-none}\n\$GPGSV,2,1,\n\$GPGSV,2,2,\n\$GPVTG\n"; do sleep 1.6; done
+            """, before=f"export NOTIFY_SOCKET=@{name}") as program:
+        def logs(level, read, clients, uplink):
+            return program.logs(rf"\n{level}: status: \d s: {read}; server: {clients}, 0 lost; uplink: {uplink}, 0 lost; "
+                                r"serial: open, 0 lost\n")
+        read = "4 lines read; passed gga 0, gsv 1, rmc 1"
+        assert manager.hears("READY=1")
+        assert "; server: 0 clients, 0 lost; uplink: not connected, 0 lost" in manager.read_until("serial")
+        assert logs("ERROR", read, "0 clients", "not connected")
+        uplink = program.accept("PASSWORD\r\nOK\r\n")
+        assert "uplink: connected" in manager.read_until("uplink: connected", 5)
+        assert program.connect().hears("$GPRMC,none\n")
+        assert logs("INFO", read, "1 client", "connected")
+        assert program.connect().hears("$GPRMC")
+        assert logs("ERROR", "0 lines read; passed gga 0, gsv 0, rmc 0", "2 clients", "connected")
+        uplink.stream.close()
+        assert manager.hears("uplink: not connected")
+        program.interrupt()
+        assert manager.hears("STOPPING=1")
 
 
 @pytest.mark.parametrize("gpspipe", (
@@ -79,15 +110,6 @@ def test_messages_are_filed_as_a_daemons_by_their_level():
         assert program.process.wait(30) == 1
         assert "[openlog navtwine 24]\n[syslog 3]ERROR: failed to open /dev/none: errno: 2\n" in program.output()
         assert eventually(lambda: not runs(gpspipe))
-
-
-def test_system_log_that_is_full_at_the_start_does_not_hold_up_the_end():
-    with Program("--server --server-port $PORT", faults="navtwine:connect:0:EAGAIN",
-                 before="touch stalled-log") as program:
-        assert program.says("[openlog navtwine 24]\n")
-        program.last = ""
-        program.interrupt(9)
-        assert "[syslog 6]" not in program.output()
 
 
 def test_lines_are_read_as_gpspipe_prints_them():

@@ -111,6 +111,10 @@ static void tell(std::string_view symbol, Word b, Word c, Word d)
         ::dprintf(STDERR_FILENO, "[malloc_trim]\n");
     if (symbol == "tcflush")
         ::dprintf(STDERR_FILENO, "[tcflush %d]\n", int(b));
+    if (std::size_t size = 0; symbol == "pthread_create") {
+        ::pthread_attr_getstacksize(reinterpret_cast<const pthread_attr_t *>(b), &size);
+        ::dprintf(STDERR_FILENO, "[stack %zu]\n", size);
+    }
     constexpr tcflag_t frame = CSIZE | PARENB | PARODD;
     if (symbol == "tcsetattr")
         ::dprintf(STDERR_FILENO, "[line %o]\n", reinterpret_cast<const termios *>(c)->c_cflag & frame);
