@@ -183,7 +183,7 @@ def test_datagrams_and_every_gpspipe_get_nothing_else():
     """The raised limit, but no descriptor, reaches gpspipe, which is started again after a second."""
     collector = Peer(socket.socket(type=socket.SOCK_DGRAM))
     collector.stream.bind(("127.0.0.1", 0))
-    with Program(f"{ALL} --timestamp --client-protocol udp --client-passwd unused --client-port "
+    with Program(f"{ALL} --timestamp --client-protocol Udp --client-passwd unused --client-port "
                  f"{collector.stream.getsockname()[1]}",
                  r"""date +%s%N >>starts
                  open=$(ls -l /proc/$$/fd | grep -c 'socket\|pts\|event')

@@ -21,7 +21,7 @@ def test_ends_at_once_without_work():
             ("--help -e", 0, USAGE),
             ("--strict", 0, USAGE),
             ("--servr --version --strict", 0, r"navtwine \d+\.\d+\.\d+\n"),
-            ("--gga --serial $LINE -e --strict x", 1, re.escape("Unknown, or without its value: x[ABORTING EXECUTION]\n")),
+            ("x --gga --serial $LINE -e --strict", 1, "Unknown, or without its value: x.ABORTING EXECUTION.\n"),
             ("--baud 09600 --stopbits 7", 1, re.escape("Invalid baud value 09600[ABORTING EXECUTION]\n")),
             ("--stopbits two", 1, re.escape("Invalid stop value two[ABORTING EXECUTION]\n")),
             ("--datalength 9", 1, re.escape("Invalid datalength value 9[ABORTING EXECUTION]\n")),
@@ -45,8 +45,8 @@ def test_it_says_what_works():
             while printf "\$GPRMC,${NOTIFY_SOCKET-none}\n\$GPGSV,2,1,\n\$GPGSV,2,2,\n\$GPVTG\n"; do sleep 1.6; done
             """, before=f"export NOTIFY_SOCKET=@{name}") as program:
         def logs(level, read, clients, uplink):
-            return program.logs(rf"\n{level}: status: \d s: {read}; server: {clients}, 0 lost; uplink: {uplink}, 0 lost; "
-                                r"serial: open, 0 lost\n")
+            return program.logs(rf"\n{level}: status: \d s: {read}; server: {clients}, 0 lost; "
+                                rf"uplink: {uplink}, 0 lost; serial: open, 0 lost\n")
         read = "4 lines read; passed gga 0, gsv 1, rmc 1"
         assert manager.hears("READY=1")
         assert "; server: 0 clients, 0 lost; uplink: not connected, 0 lost" in manager.read_until("serial")

@@ -105,12 +105,10 @@ static void tell(std::string_view symbol, Word b, Word c, Word d)
         ::dprintf(STDERR_FILENO, "[rs485 %d]\n", numberAt(c));
     if (symbol.find("setsockopt") != symbol.npos)
         ::dprintf(STDERR_FILENO, "[setsockopt %d %d %d]\n", int(b), int(c), numberAt(d));
-    if (symbol == "listen")
-        ::dprintf(STDERR_FILENO, "[listen %d]\n", int(b));
+    if (symbol == "listen" || symbol == "tcflush")
+        ::dprintf(STDERR_FILENO, "[%s %d]\n", symbol.data(), int(b));
     if (symbol == "malloc_trim")
         ::dprintf(STDERR_FILENO, "[malloc_trim]\n");
-    if (symbol == "tcflush")
-        ::dprintf(STDERR_FILENO, "[tcflush %d]\n", int(b));
     if (std::size_t size = 0; symbol == "pthread_create") {
         ::pthread_attr_getstacksize(reinterpret_cast<const pthread_attr_t *>(b), &size);
         ::dprintf(STDERR_FILENO, "[stack %zu]\n", size);

@@ -18,10 +18,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         const std::string line = output.substr(0, length).c_str();
         output.erase(0, length);
         handleNMEAString(line.c_str(), 1, &decoration);
-        const auto type = findSentenceType(line.c_str());
-        waiting += type ? decoration + line : "";
+        waiting += findSentenceType(line.c_str()) ? decoration + line : "";
         const std::string sent = mailbox.getData();
-        assert(!sent.empty() || !type || type == SentenceType::GSV);
         assert(waiting.ends_with(sent));
         waiting.erase(waiting.size() - sent.size());
     }
