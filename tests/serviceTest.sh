@@ -26,7 +26,7 @@ is() { [ "$(property "$1" "${3:-}")" = "$2" ]; }
 no() { ! "$@"; } # a bare ! would not end the script
 log() { journalctl --no-pager -o cat -u navtwine "$@"; }
 logged() { log "${@:2}" | grep -F -- "$1" >/dev/null; } # not -q, which could break the pipe
-setOptions()
+setOptions() # not 0 when the service did not start
 {
     sed -i "s|^NAVTWINE_OPTIONS=.*|NAVTWINE_OPTIONS=\"$1\"|" $options
     systemctl restart navtwine
@@ -58,12 +58,18 @@ is Result success
 
 echo "--- serves the sentences of the real gpsd"
 setOptions "--server --server-passwd 'two words' --id-prefix 'my boat ' --interval 1 --gga"
-within 10 logged "waiting for client connections..."
+# What is ordered after the service finds the port open.
 exec 3<>/dev/tcp/127.0.0.1/5445
 printf 'two words\r\n' >&3
 lines=$(timeout 40 head -n 3 <&3)
 echo "a client reads: $lines"
 [[ $lines == PASSWORD*OK*"my boat \$GNGGA,"* ]]
+
+echo "--- systemctl status says who is there"
+told() { property StatusText | grep -F -- "$1" >/dev/null; }
+within 20 told "server: 1 client, 0 lost"
+no told "gga 0"
+echo "status: $(property StatusText)"
 
 echo "--- runs in its sandbox"
 pid=$(property MainPID)
@@ -89,8 +95,13 @@ is Result success
 logged "execution complete"
 no pgrep -x -U "$user" gpspipe
 
+echo "--- a misspelt option fails, with its reason in the log"
+no setOptions "--server --gag"
+is Result exit-code
+within 10 logged "Unknown, or without its value: --gag[ABORTING EXECUTION]"
+
 echo "--- reports a missing device as an error, and tries again"
-setOptions "--serial /dev/ttyS99 --gga"
+setOptions "--serial /dev/ttyS99 --gga" || true # it may have been ready before it opened the device
 within 10 logged "failed to open /dev/ttyS99: errno: 2" -p err
 within 10 is SubState auto-restart
 
@@ -98,7 +109,7 @@ within 10 is SubState auto-restart
 # but not for want of a permission (1, 13). Whether the unit keeps other devices away does not show here: the
 # kernel's device filter is not at the service of a system that is itself a guest.
 echo "--- may open a serial port"
-setOptions "-e --serial /try/ttyS3 --gga"
+setOptions "-e --serial /try/ttyS3 --gga" || true
 within 10 logged "failed to open /try/ttyS3: errno: "
 log | no grep -E 'ttyS3: errno: (1|13)$'
 
