@@ -63,7 +63,6 @@ TEST(commandLine, isStrictWhenAskedTo)
         {"--datalength 8bits", "Invalid value of --datalength 8bits"},
         {"--parity ODD", "Invalid value of --parity ODD"},
         {"--interval -1", "Invalid value of --interval -1"},
-        {"--interval ", "Invalid value of --interval "},
         {"--loglevel 0", "Invalid value of --loglevel 0"},
         {"--loglevel 101", "Invalid value of --loglevel 101"},
         {"--status 2147483648", "Invalid value of --status 2147483648"},

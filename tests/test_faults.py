@@ -77,7 +77,6 @@ def test_any_call_may_fail(name, lost, faults, says):
         program.interrupt()
         output = program.output()
         assert output.count(" fails]\n") == len(re.findall("[A-Z]+", faults))
-        assert max(map(int, re.findall(r"\[stack (\d+)]", output))) <= 1024 * 1024, "248 KiB; with sanitizers more"
         for text in says:
             assert text in output
         if name == "recovers":  # a pseudo-terminal is no RS485 port, and a first password was wrong
