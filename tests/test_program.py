@@ -21,7 +21,7 @@ def test_ends_at_once_without_work():
             ("--help -e", 0, USAGE),
             ("--strict", 0, USAGE),
             ("--servr --version --strict", 0, r"navtwine \d+\.\d+\.\d+\n"),
-            ("x --gga --serial $LINE -e --strict", 1, "Unknown, or without its value: x.ABORTING EXECUTION.\n"),
+            ("x --gga --serial $LINE -e --strict", 1, "Unexpected text after navtwine.ABORTING EXECUTION.\n"),
             ("--baud 09600 --stopbits 7", 1, re.escape("Invalid baud value 09600[ABORTING EXECUTION]\n")),
             ("--stopbits two", 1, re.escape("Invalid stop value two[ABORTING EXECUTION]\n")),
             ("--datalength 9", 1, re.escape("Invalid datalength value 9[ABORTING EXECUTION]\n")),
