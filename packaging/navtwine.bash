@@ -27,7 +27,8 @@ _navtwine()
         --server-port | --server-passwd | --client-port | --client-passwd | --id | --id-prefix | --interval | --status)
             words='' ;; # free text, nothing to complete
         *)
-            words='-e -h --help --version --strict --status --daemonize --no-daemonize --timestamp --no-timestamp --immediate --no-immediate
+            words='-e -h --help --version --strict --status --daemonize --no-daemonize --timestamp --no-timestamp
+                --immediate --no-immediate
                 --server --no-server --server-port --server-passwd
                 --client --no-client --client-protocol --client-remote-host --client-port --client-passwd
                 --serial --baud --datalength --parity --stopbits --hwflow --rs485
