@@ -18,6 +18,8 @@ namespace {
 /// From the first consumer's start to the last one's end. False when none could be started.
 bool runConsumers(const RunSettings &settings, const KAV::Descriptor &manager, StopThread *stopper)
 {
+    if (settings.immediate && settings.wantsConsumer())
+        pulse = KAV::startWorker<Pulse>();
     statistics.namesClients = settings.statusInterval > 0;
     Consumers consumers = startConsumers(settings);
     if (stopper != nullptr)
@@ -48,8 +50,6 @@ int main(int argc, char *argv[])
     if (settings.daemonize)
         daemonizeOrExit(argv[0]);
 
-    if (settings.immediate && settings.wantsConsumer())
-        pulse = KAV::startWorker<Pulse>();
     const std::unique_ptr<StopThread> stopper(KAV::startWorker<StopThread>()); // before the log can hold main
     KAV_LOG(INFO, "Starting executable: %s\n", argv[0]);
     const bool anyStarted = runConsumers(settings, manager, stopper.get());

@@ -69,19 +69,20 @@ std::string Observer::getData()
 void Observer::deliverUntilExit(const Deliver &deliver, const IsAbandoned &isAbandoned)
 {
     constexpr unsigned int idlePause = 1000; // milliseconds
+    const Pulse *const beating = pulse;
     std::uint32_t beat = 0;
     bool wasTaken = false; // no wait before the first look: a message may have come since the observer was attached
     while (exitRequested == 0) {
-        if (pulse != nullptr && wasTaken)
-            pulse->awaitBeat(beat);
-        if (pulse != nullptr)
-            beat = pulse->lastBeat(); // before the look into the mailbox: no message is missed
+        if (beating != nullptr && wasTaken)
+            beating->awaitBeat(beat);
+        if (beating != nullptr)
+            beat = beating->lastBeat(); // before the look into the mailbox: no message is missed
         std::string batch;
         // Without memory for the joined text the messages stay in the mailbox.
         wasTaken = KAV::ifMemoryAllows([&] { batch = getData(); });
         if (batch.empty() ? isShort() && isAbandoned() : !deliver(batch))
             return;
-        if (!wasTaken || (batch.empty() && pulse == nullptr))
+        if (!wasTaken || (batch.empty() && beating == nullptr))
             KAV::Thread::sleep(idlePause);
     }
 }

@@ -12,9 +12,9 @@ constexpr std::uint32_t enoughMessages = 32;
 
 } // namespace
 
-constinit Pulse *pulse = nullptr;
+constinit std::atomic<Pulse *> pulse{nullptr};
 
-Pulse::Pulse() : KAV::Thread("navtwine pulse", true) { KAV::Thread::start(); }
+Pulse::Pulse() : KAV::Thread("navtwine pulse", false) { KAV::Thread::start(); }
 
 Pulse::~Pulse()
 {
@@ -59,6 +59,6 @@ void Pulse::wakeAll()
 
 void wakeConsumers()
 {
-    if (pulse != nullptr)
-        pulse->wakeAll();
+    if (Pulse *const running = pulse)
+        running->wakeAll();
 }

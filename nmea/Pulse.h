@@ -48,8 +48,8 @@ private:
 };
 
 /// The pulse of the process; null without --immediate. Never deleted, since consumers wait for it until the process
-/// ends. Thread: written by main before any thread that reads it starts.
-extern Pulse *pulse;
+/// ends. Thread: written by main before the first consumer starts.
+extern std::atomic<Pulse *> pulse;
 
 /// Makes consumers that wait for a message look at `exitRequested` and `isShort`. Any thread.
 void wakeConsumers();

@@ -50,8 +50,8 @@ void nmeaDataSubject::notify(const std::string &message)
             observer->update(message);
         isAnybodyThere = !observers.empty();
     }
-    if (pulse != nullptr && isAnybodyThere)
-        pulse->messageQueued();
+    if (Pulse *const running = pulse; running != nullptr && isAnybodyThere)
+        running->messageQueued();
 }
 
 bool nmeaDataSubject::collectGSV(const std::string &sentence, std::string &group)

@@ -39,7 +39,11 @@ public:
     explicit Port(KAV::Descriptor opened) : descriptor(std::move(opened)) {}
     Port(const Port &) = delete;
     Port &operator=(const Port &) = delete;
-    ~Port() { ::tcflush(descriptor.get(), TCOFLUSH); }
+    ~Port()
+    {
+        const KAV::CancelShield shield; // ioctl(2) may be a cancellation point
+        ::tcflush(descriptor.get(), TCOFLUSH);
+    }
     [[nodiscard]] int get() const { return descriptor.get(); }
 
 private:

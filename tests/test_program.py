@@ -27,7 +27,6 @@ def test_ends_at_once_without_work():
             ("--datalength 9", 1, re.escape("Invalid datalength value 9[ABORTING EXECUTION]\n")),
             ("--client-protocol sctp", 1, re.escape("Unknown protocol SCTP[ABORTING EXECUTION]\n")),
             ("--gga --serial '' -e", 0, LIFECYCLE),
-            ("--gga --serial '' -e --loglevel 10", 0, ""),
             ("--gga --serial ''", 0,
              "" if Path("/dev/log").exists() else "ERROR: Unable to log to Syslog\n" + LIFECYCLE)):
         with Program(arguments, "touch started") as program:
@@ -110,6 +109,11 @@ def test_messages_are_filed_as_a_daemons_by_their_level():
         assert program.process.wait(30) == 1
         assert "[openlog navtwine 24]\n[syslog 3]ERROR: failed to open /dev/none: errno: 2\n" in program.output()
         assert eventually(lambda: not runs(gpspipe))
+    with Program("--server --server-port $PORT", faults="navtwine:connect:0:EAGAIN",
+                 before="touch stalled-log") as program:  # which holds main in its first line
+        program.last = "[openlog navtwine 24]\n"
+        assert program.says(program.last)
+        program.interrupt(9)
 
 
 def test_lines_are_read_as_gpspipe_prints_them():
