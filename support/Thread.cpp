@@ -49,7 +49,7 @@ public:
     {
         const std::lock_guard hold(thread.state);
         thread.running = false;
-        thread.ended.notify_all();
+        thread.ended.send(); // with the lock held: whoever waits may delete the object afterwards
     }
 
 private:
@@ -120,11 +120,8 @@ void Thread::takeSystemName() const
 
 void Thread::stop()
 {
-    std::unique_lock hold(state);
-    if (!running)
-        return;
-    pthread_cancel(handle);
-    ended.wait(hold, [this] { return !running; });
+    cancel();
+    wait();
 }
 
 void Thread::cancel()
@@ -136,8 +133,8 @@ void Thread::cancel()
 
 void Thread::wait()
 {
-    std::unique_lock hold(state);
-    ended.wait(hold, [this] { return !running; });
+    while (isAlive())
+        ended.await(0);
 }
 
 bool Thread::isAlive() const

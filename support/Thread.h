@@ -1,8 +1,8 @@
 #pragma once
 
+#include "support/Broadcast.h"
 #include "support/Logger.h"
 
-#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <new>
@@ -75,8 +75,8 @@ private:
     bool deletesItself = false;
     pthread_t handle{};
 
+    Broadcast ended;
     mutable std::mutex state; ///< guards the members below
-    std::condition_variable ended;
     bool wasStarted = false;
     bool running = false;
 };
