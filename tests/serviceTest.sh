@@ -136,6 +136,8 @@ no pgrep -U "$user"
 wanted=/etc/systemd/system/multi-user.target.wants
 comm -13 /try/before <(files) | diff - <(printf '%s\n' $options{,-two} $wanted/navtwine{,@two}.service \
     /etc/systemd/system/navtwine@two.service.d{,/override.conf} | sort)
+setPackage install -y "$package"
+within 10 is SubState running @two
 setPackage purge -y navtwine
 files | diff /try/before -
 no systemctl cat navtwine
@@ -145,5 +147,3 @@ setPackage install -y "$package"
 systemctl --quiet is-enabled navtwine
 no systemctl --quiet is-enabled navtwine@two
 grep -qx 'NAVTWINE_OPTIONS=""' $options
-setPackage purge -y navtwine
-files | diff /try/before -
