@@ -130,7 +130,7 @@ within 10 is SubState running
 within 10 is SubState running @two
 no is MainPID "$before" @two
 
-echo "--- leaves nothing but, until it is purged, what its owner has made of it"
+echo "--- a removal leaves what its owner has made of it, with which it goes on; a purge leaves nothing"
 setPackage remove -y navtwine
 no pgrep -U "$user"
 wanted=/etc/systemd/system/multi-user.target.wants
