@@ -1,5 +1,6 @@
 #include "net/handshake.h"
 
+#include "nmea/shortage.h"
 #include "support/Logger.h"
 #include "support/Text.h"
 #include "support/Thread.h"
@@ -34,6 +35,8 @@ ReadResult takeByte(int socketDescriptor, char &byte)
         if (taken == 1)
             return ReadResult::byte;
         if (taken < 0 && errno != EINTR && errno != EAGAIN)
+            return ReadResult::failed;
+        if (taken == 0 && isShort()) // the peer has closed its side, and others need what it holds
             return ReadResult::failed;
     }
     // A socket at end of file, or in error, stays ready: without this pause the loop would spin.

@@ -6,9 +6,9 @@
 ///
 /// Returns the number of bytes read, including the "\n", if one arrived; the buffer then holds the bytes before it,
 /// including any "\r", terminated by NUL. Returns `bufferSize` if `bufferSize` - 1 bytes were stored and one more
-/// arrived, which is lost. Returns -1 after more than `timeoutSeconds` (also if the peer closed meanwhile), and if poll
-/// or recv failed. Blocks for at most a little over `timeoutSeconds` (whole seconds of time()).
-/// Thread: the socket's own. REQUIRES: `bufferSize` is at least 1.
+/// arrived, which is lost. Returns -1 after more than `timeoutSeconds` (also if the peer closed meanwhile, but at once
+/// while `isShort`), and if poll or recv failed. Blocks for at most a little over `timeoutSeconds` (whole seconds of
+/// time()). Thread: the socket's own. REQUIRES: `bufferSize` is at least 1.
 int read_line_from_socket(int socketDescriptor, char *buffer, unsigned int bufferSize, unsigned int timeoutSeconds);
 
 /// The password handshake, in lines of clear text that end in CR LF:
