@@ -68,7 +68,7 @@ def test_clients_that_know_the_password_are_admitted():
 
 def test_client_that_stops_reading_gets_the_newest_later():
     with Program(SERVER + "--gsv --status 1", r"""timeout 5 yes "$(printf '$GPGSV,30,%d,%0480d\n' $(seq -f '%g 0' 30))"
-                                       touch passed; exec yes '$GPGGA,new'""") as program:
+                 touch passed; timeout 2 yes '$GPGGA,new'; while echo '$GPGGA,new'; do sleep 1; done""") as program:
         sleeper = program.connect()
         sleeper.stream.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16384)  # or it would hold most of what is late
         assert program.logs(r"ERROR: status: .*; passed gga 0, gsv [1-9]\d*; server: 1 client, [1-9]\d* lost")
@@ -76,6 +76,8 @@ def test_client_that_stops_reading_gets_the_newest_later():
         woken = sleeper.read_until("new")
         assert "new" in woken
         assert len(woken) < 700_000, "the kernel's backlog came first"
+        sleeper.stream.close()
+        assert program.logs("; passed gga [1-9][0-9]*, gsv 0; server: 0 clients, 0 lost"), "as if it went on"
 
 
 def test_server_takes_all_that_wait_before_it_makes_a_handler():

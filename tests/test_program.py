@@ -52,12 +52,15 @@ def test_it_says_what_works():
         assert logs("ERROR", read, "0 clients", "not connected")
         uplink = program.accept("PASSWORD\r\nOK\r\n")
         assert "uplink: connected" in manager.read_until("uplink: connected", 5)
-        assert program.connect().hears("$GPRMC,none\n")
+        client = program.connect()
+        assert client.hears("$GPRMC,none\n")
         assert logs("INFO", read, "1 client", "connected")
         assert program.connect().hears("$GPRMC")
         assert logs("ERROR", "0 lines read; passed gga 0, gsv 0, rmc 0", "2 clients", "connected")
-        uplink.stream.close()
+        for peer in client, uplink, program.line:
+            peer.stream.close()
         assert manager.hears("uplink: not connected")
+        assert program.logs(r"server: 1 client, 0 lost; uplink: not connected, \d+ lost; serial: not open")
         program.interrupt()
         assert manager.hears("STOPPING=1")
 
