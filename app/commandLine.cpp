@@ -250,8 +250,9 @@ RunSettings parseCommandLine(int argc, char *argv[])
             next = complaintAbout(*option, argv[++index]);
             option->set(settings, argv[index]);
         } else if (!applySwitch(settings, argument)) {
-            // Stray text may be a part of a password.
-            next = argument.starts_with('-') ? "Unknown, or without its value: " + std::string(argument)
+            // Stray text may be a part of a password, and so may what follows a "=".
+            const std::string name(argument.substr(0, argument.find('=')));
+            next = argument.starts_with('-') ? "Unknown, or without its value: " + name
                                              : "Unexpected text after " + std::string(previous);
         }
         previous = argument;

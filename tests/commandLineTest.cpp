@@ -51,7 +51,7 @@ TEST(commandLine, isStrictWhenAskedTo)
 {
     const std::string longest(255, 'p');
     const std::pair<std::string, std::string> complaints[] = {
-        {"--gga --servr", "Unknown, or without its value: --servr"},
+        {"--gga --server-passwd=secret", "Unknown, or without its value: --server-passwd"},
         {"--server-passwd my secret", "Unexpected text after --server-passwd"},
         {"--server --gga --server-port", "Unknown, or without its value: --server-port"},
         {"--server-port 65536 --servr", "Invalid value of --server-port 65536"},
