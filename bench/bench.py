@@ -152,11 +152,16 @@ def system_calls():
 
 
 def delays():
+    """The most is judged beyond how late the machine makes a thread meanwhile that only sleeps."""
+    seconds = 10 if QUICK else 60
     for rate in 1, 10:
         heard, streams = [], {}
-        with Served("--immediate", 10, f"export RATE={rate} MESSAGES=14; {NUMBERED}") as navtwine:
+        with Served("--immediate", 10, f"export RATE={rate} MESSAGES=14; {NUMBERED}") as navtwine, subprocess.Popen(
+                f"cyclictest --quiet --laptop --smp --policy other --interval 2000 --duration {seconds}".split(),
+                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True) as machine:
             navtwine.hear = lambda *came: heard.append(came)
-            navtwine.read(10 if QUICK else 60)
+            navtwine.read(seconds)
+            stalled = max(int(most) for most in re.findall(r"Max: *(\d+)", machine.communicate()[0])) / 1000
         for client, data, now in heard:
             streams.setdefault(client, Stream()).take(data, now)
         late = [ms for stream in streams.values() for ms in stream.late]
@@ -164,8 +169,9 @@ def delays():
         median, most = statistics.median(late), max(late)
         limit = (20, 5000, len(late) // 100) if QUICK else (6, 15, 0)
         row(f"delay of 14 messages at {rate} Hz, 10 clients, --immediate: median, most, lost",
-            f"{median:.1f} ms, {most:.1f} ms, {lost}", "at most {} ms, {} ms, {}".format(*limit),
-            all(figure <= bound for figure, bound in zip((median, most, lost), limit)))
+            f"{median:.1f} ms, {most:.1f} ms, {lost}",
+            f"at most {limit[0]} ms, {limit[1]} ms beyond cyclictest's {stalled:.1f} ms, {limit[2]}",
+            all(figure <= bound for figure, bound in zip((median, most - stalled, lost), limit)))
 
 
 def idle():
